@@ -1,0 +1,115 @@
+// Inspection interface of our gpu_aligner stand-in.
+//
+// The closed GPU matcher is not available to this project, so the shared
+// library gpu_aligner that we build is a stand-in: it implements the four
+// upload operations of gpu_aligner.h by keeping a record of what it received,
+// and it checks the data the way a real matcher depends on it. Tests and
+// tools read that record through this header; the real library has no such
+// interface, so nothing in the map library may include it.
+//
+// The stand-in is single-threaded like the uploads themselves: the record is
+// one process-wide object, written only by the four operations and by
+// resetRecord(), and must not be read while an upload runs.
+//
+// Bounds: a bare pointer does not say how long its array is, so the stand-in
+// trusts the caller exactly as the real matcher does. It reads `count`
+// elements behind each table and index pointer and, for the coarse records,
+// the grid_size of the last coarse configuration. A caller that promises more
+// than its array holds makes the stand-in read past the array's end; that is
+// the caller's fault, and the sanitizer build reports it at the caller's
+// upload. What the stand-in can see without reading is handled without
+// reading: a negative count or a null pointer with a positive count copies
+// nothing and is noted in the verdict.
+#ifndef ZORVANE_GPU_ALIGNER_STAND_IN_RECORD_H_
+#define ZORVANE_GPU_ALIGNER_STAND_IN_RECORD_H_
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "gpu_aligner/gpu_aligner.h"
+
+namespace zorvane {
+namespace gpu_stand_in {
+
+using localization::MatrixConfig;
+using localization::MCell;
+using localization::MCellCoarse;
+
+// One call as it arrived: its operation name ("cudaSetMatrixConfig", ...)
+// and the moment it was entered, for timing what happens between uploads.
+struct CallEntry {
+  std::string name;
+  std::chrono::steady_clock::time_point at;
+};
+
+// What a real matcher relies on, judged on every cells call against the
+// configuration received last. Each flag starts true and turns false at the
+// first violation; `problems` says what was wrong, one line per violation
+// kind and call.
+struct Verdict {
+  // cudaSetMatrixCells: a full-resolution configuration came first, counts
+  // are not negative, and the index has exactly that configuration's
+  // grid_size entries.
+  bool index_count_matches = true;
+  // cudaSetMatrixCells: every index entry is -1 or a cell number below the
+  // cell count.
+  bool index_entries_valid = true;
+  // cudaSetMatrixCellsCoarse: a coarse configuration came first, counts are
+  // not negative, and every coarse record's value bins
+  // [value_offset, value_offset + value_bins) and height bins lie inside the
+  // table passed for that axis.
+  bool coarse_bins_inside = true;
+  std::vector<std::string> problems;
+
+  bool consistent() const {
+    return index_count_matches && index_entries_valid && coarse_bins_inside;
+  }
+};
+
+struct Record {
+  std::vector<CallEntry> calls;  // every call, in order
+
+  std::vector<MatrixConfig> configs;         // each cudaSetMatrixConfig argument
+  std::vector<MatrixConfig> coarse_configs;  // each cudaSetMatrixConfigCoarse argument
+
+  // The last cudaSetMatrixCells: the pointers and counts as passed, and
+  // copies of the arrays taken during the call.
+  const MCell* cells_at = nullptr;
+  int cell_count = 0;
+  const std::int32_t* index_at = nullptr;
+  int index_count = 0;
+  std::vector<MCell> cells;
+  std::vector<std::int32_t> index;
+
+  // The last cudaSetMatrixCellsCoarse, likewise. coarse_cells holds
+  // grid_size records of the last coarse configuration (none when no coarse
+  // configuration had been received).
+  const float* height_table_at = nullptr;
+  int height_count = 0;
+  const float* value_table_at = nullptr;
+  int value_count = 0;
+  const MCellCoarse* coarse_cells_at = nullptr;
+  std::vector<float> height_table;
+  std::vector<float> value_table;
+  std::vector<MCellCoarse> coarse_cells;
+
+  Verdict verdict;
+
+  // Operation names in call order.
+  std::vector<std::string> callNames() const;
+};
+
+// The record of everything received since the process started or since the
+// last reset.
+const Record& record();
+
+// Forgets everything received: no calls, no configurations, empty arrays,
+// a clean verdict.
+void resetRecord();
+
+}  // namespace gpu_stand_in
+}  // namespace zorvane
+
+#endif  // ZORVANE_GPU_ALIGNER_STAND_IN_RECORD_H_
