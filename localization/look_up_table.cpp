@@ -1,10 +1,429 @@
-// PLACEHOLDER until the table builder lands: returns the empty table.
-#include "localization/grid_matrix.h"
+// GridMatrix::getLookUpTable; the contract is in look_up_table.h.
+//
+// The stated algorithm builds one heap histogram per coarse position and
+// axis, bin by bin, each bin walking the whole block again and calling exp
+// for every component. This builder produces the same bits with far less
+// work and memory:
+//
+//  1. A range pass (parallel) writes each position's bin counts and first
+//     bins into its record; a serial prefix sum gives the offsets; the two
+//     sequences are sized once; a fill pass (parallel) then writes every
+//     histogram straight into its final place. No per-position allocation.
+//  2. Bins are independent, so instead of bin-outer loops a block's cells
+//     are visited once, cell by cell and component by component, adding one
+//     term into every bin. Each bin still receives the same additions in the
+//     same order (block order, component 0 then 1).
+//  3. Terms that are exactly zero are not computed. Far from its mean a
+//     component's exp argument drops below -103.97, where expf returns +0;
+//     a finite weight times +0 is +-0, and adding +-0 to a running bin
+//     (which starts at +0 and can never become -0) changes nothing. The
+//     skipped bins are found conservatively in double precision.
+//  4. On the value axis with step 1 and whole-number means, z - mean is an
+//     exact integer d, so exp(-(d*d)/sigma) depends only on |d| and the
+//     prepared sigma. Loaded maps hold a few thousand distinct sigmas; each
+//     thread keeps a table of these exponentials per sigma it meets twice,
+//     and the value axis becomes a multiply-add over contiguous floats.
+//  5. Normalisation calls log only where the argument differs from
+//     prob_floor_ itself (every empty bin), whose logarithm is computed once.
+//
+// exp and log are always the library's float functions, the same calls the
+// plain algorithm makes; nothing here approximates them.
+#include "localization/look_up_table.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include "localization/parallel_split.h"
 
 namespace zorvane {
 namespace localization {
+namespace {
 
-GridMatrixTable GridMatrix::getLookUpTable(int, float, float) const { return GridMatrixTable(); }
+constexpr std::int64_t kMaxHeightBins = 65535;  // the clip; fits height_bins
+
+// Saturating float-to-int32 conversion; NaN converts to 0.
+std::int32_t toInt32(float v) {
+  if (std::isnan(v)) return 0;
+  if (v >= 2147483648.0f) return std::numeric_limits<std::int32_t>::max();
+  if (v <= -2147483648.0f) return std::numeric_limits<std::int32_t>::min();
+  return static_cast<std::int32_t>(v);
+}
+
+// Nearest whole number, halves away from zero, then saturated.
+std::int32_t roundToBin(float v) { return toInt32(std::round(v)); }
+
+// The low 16 bits of a histogram's first bin as its f32 element holds it
+// (exact for |first| < 2^24).
+std::int16_t firstField(std::int64_t first) {
+  const auto held = static_cast<std::int64_t>(static_cast<float>(first));
+  return static_cast<std::int16_t>(static_cast<std::uint16_t>(static_cast<std::uint64_t>(held) & 0xFFFFu));
+}
+
+// The grid-position rectangle of one coarse position's block that lies
+// inside the matrix: columns x0 + a for a in [a_begin, a_end), rows y0 + b
+// for b in [b_begin, b_end).
+struct BlockWindow {
+  std::int64_t x0 = 0, y0 = 0;
+  std::int64_t a_begin = 0, a_end = 0;
+  std::int64_t b_begin = 0, b_end = 0;
+};
+
+class BlockWalker {
+ public:
+  BlockWalker(const GridMatrix& m, const GridMatrixTable& t, int factor)
+      : cells_(m.cells_.data()),
+        index_(m.index_.data()),
+        cell_count_(static_cast<std::int64_t>(m.cells_.size())),
+        index_size_(static_cast<std::int64_t>(m.index_.size())),
+        cols_(m.cols_),
+        rows_(m.rows_),
+        factor_(factor),
+        matrix_offset_x_(m.offset_x_),
+        matrix_offset_y_(m.offset_y_),
+        table_offset_x_(t.offset_x_),
+        table_offset_y_(t.offset_y_) {}
+
+  // Calls fn(cell) for every taking-part cell of coarse position (i, j), in
+  // block order (a outer, b inner).
+  template <class Fn>
+  void forEachCell(std::int64_t i, std::int64_t j, Fn&& fn) const {
+    BlockWindow w;
+    if (!window(i, j, &w)) return;
+    for (std::int64_t a = w.a_begin; a < w.a_end; ++a) {
+      const std::int64_t x = w.x0 + a;
+      for (std::int64_t b = w.b_begin; b < w.b_end; ++b) {
+        const std::int64_t flat = (w.y0 + b) * cols_ + x;
+        if (flat >= index_size_) continue;
+        const std::int32_t e = index_[flat];
+        if (e < 0 || e >= cell_count_) continue;
+        fn(cells_[e]);
+      }
+    }
+  }
+
+ private:
+  // One axis: first grid line of the block (i - table offset) * factor +
+  // matrix offset, and the part of [0, factor) inside [0, extent).
+  bool axisWindow(std::int64_t i, std::int64_t table_offset, std::int64_t matrix_offset,
+                  std::int64_t extent, std::int64_t* origin, std::int64_t* begin,
+                  std::int64_t* end) const {
+    std::int64_t o = 0;
+    if (__builtin_mul_overflow(i - table_offset, static_cast<std::int64_t>(factor_), &o)) return false;
+    if (__builtin_add_overflow(o, matrix_offset, &o)) return false;
+    if (o >= extent || o <= -static_cast<std::int64_t>(factor_)) return false;
+    *origin = o;
+    *begin = std::max<std::int64_t>(0, -o);
+    *end = std::min<std::int64_t>(factor_, extent - o);
+    return *begin < *end;
+  }
+
+  bool window(std::int64_t i, std::int64_t j, BlockWindow* w) const {
+    if (factor_ < 1) return false;
+    return axisWindow(i, table_offset_x_, matrix_offset_x_, cols_, &w->x0, &w->a_begin, &w->a_end) &&
+           axisWindow(j, table_offset_y_, matrix_offset_y_, rows_, &w->y0, &w->b_begin, &w->b_end);
+  }
+
+  const MCell* cells_;
+  const std::int32_t* index_;
+  std::int64_t cell_count_, index_size_;
+  std::int64_t cols_, rows_;
+  int factor_;
+  std::int64_t matrix_offset_x_, matrix_offset_y_;
+  std::int64_t table_offset_x_, table_offset_y_;
+};
+
+// Bin ranges of one block: value bins [value_first, value_first + value_n),
+// height bins likewise; n == 0 (with first 0) for an empty histogram.
+struct BlockRanges {
+  std::int64_t value_first = 0, value_n = 0;
+  std::int64_t height_first = 0, height_n = 0;
+};
+
+BlockRanges blockRanges(const BlockWalker& walker, std::int64_t i, std::int64_t j, float value_step,
+                        float height_step) {
+  std::int32_t value_low = 10000, value_high = -10000;
+  std::int32_t height_low = 10000, height_high = -10000;
+  walker.forEachCell(i, j, [&](const MCell& cell) {
+    for (int c = 0; c < 2; ++c) {
+      const float vs = cell.value_sigma[c], hs = cell.height_sigma[c];
+      value_low = std::min(value_low, roundToBin((cell.value_mean[c] - (vs + vs)) / value_step));
+      value_high = std::max(value_high, roundToBin((cell.value_mean[c] + (vs + vs)) / value_step));
+      height_low = std::min(height_low, roundToBin((cell.height_mean[c] - (hs + hs)) / height_step));
+      height_high = std::max(height_high, roundToBin((cell.height_mean[c] + (hs + hs)) / height_step));
+    }
+  });
+  BlockRanges r;
+  const std::int64_t value_first = std::max<std::int32_t>(value_low, 0);
+  const std::int64_t value_last = std::min<std::int32_t>(value_high, 255);
+  if (value_last >= value_first) {
+    r.value_first = value_first;
+    r.value_n = value_last - value_first + 1;
+  }
+  if (height_high >= height_low) {
+    r.height_first = height_low;
+    r.height_n = std::min<std::int64_t>(static_cast<std::int64_t>(height_high) - height_low + 1, kMaxHeightBins);
+  }
+  return r;
+}
+
+// Per-thread cache of exp(-(d*d) / sigma) for d = -255..255, keyed by the
+// bits of the prepared sigma. A sigma gets a table the second time the
+// thread meets it (a sigma met once is cheaper to evaluate directly); when
+// the cache is full, further sigmas are evaluated directly.
+class SigmaMemo {
+ public:
+  static constexpr int kWidth = 511;  // entry 255 + d for d = -255..255
+  static constexpr std::uint32_t kSlots = 1u << 14;
+  static constexpr std::int32_t kTables = 4096;
+
+  SigmaMemo() : keys_(kSlots, 0u), entry_(kSlots, -1), reach_(kTables, 0), tables_(new float[kTables * kWidth]) {}
+
+  // The table for prepared sigma s (finite, > 0), or nullptr. *reach is the
+  // largest |d| whose entry is not zero.
+  const float* find(float s, int* reach) {
+    std::uint32_t key = 0;
+    std::memcpy(&key, &s, sizeof key);
+    std::uint32_t slot = (key * 0x9E3779B1u) >> (32 - 14);
+    while (keys_[slot] != key) {
+      if (keys_[slot] == 0u) {
+        // First sight: remember it, unless the slots are half full.
+        if (used_slots_ < kSlots / 2) {
+          keys_[slot] = key;
+          ++used_slots_;
+        }
+        return nullptr;
+      }
+      slot = (slot + 1) & (kSlots - 1);
+    }
+    std::int32_t e = entry_[slot];
+    if (e < 0) {
+      if (used_tables_ == kTables) return nullptr;
+      e = used_tables_++;
+      entry_[slot] = e;
+      float* table = tables_.get() + static_cast<std::ptrdiff_t>(e) * kWidth;
+      int last = -1;
+      for (int d = 0; d <= 255; ++d) {
+        const float df = static_cast<float>(d);
+        const float v = std::exp(-(df * df) / s);
+        table[255 + d] = v;
+        table[255 - d] = v;
+        if (v != 0.f) last = d;
+      }
+      reach_[e] = last;
+    }
+    *reach = reach_[e];
+    return tables_.get() + static_cast<std::ptrdiff_t>(e) * kWidth;
+  }
+
+ private:
+  std::vector<std::uint32_t> keys_;  // 0: free (a positive sigma never has bits 0)
+  std::vector<std::int32_t> entry_;  // table number, or -1 when seen once
+  std::vector<int> reach_;
+  std::unique_ptr<float[]> tables_;
+  std::uint32_t used_slots_ = 0;
+  std::int32_t used_tables_ = 0;
+};
+
+// Working memory of one thread, sized before the parallel region.
+struct Scratch {
+  std::unique_ptr<float[]> value_bins;
+  std::unique_ptr<float[]> height_bins;
+  std::unique_ptr<SigmaMemo> memo;
+};
+
+// Bins [*lo, *hi] of [first, last] outside which the component's term is
+// surely +-0 (exp argument below -104), or all of [first, last] when that
+// cannot be shown. Skipping needs a finite weight (w * 0 is then +-0), a
+// finite mean, a finite positive sigma and step, and bin indices small
+// enough that k * step is computed to well within a bin.
+void termRange(float w, float mean, float sigma, float step, std::int64_t first, std::int64_t last,
+               std::int64_t* lo, std::int64_t* hi) {
+  *lo = first;
+  *hi = last;
+  constexpr std::int64_t kExactIndex = std::int64_t{1} << 22;
+  if (!(std::isfinite(w) && std::isfinite(mean) && std::isfinite(sigma) && sigma > 0.f && std::isfinite(step) &&
+        step > 0.f))
+    return;
+  if (first < -kExactIndex || last > kExactIndex) return;
+  // |z - mean| > reach means -(z - mean)^2 / sigma < -105, and the two bins
+  // of margin absorb the single-precision rounding of z and z - mean.
+  const double reach = std::sqrt(105.0 * static_cast<double>(sigma));
+  const double from = std::floor((static_cast<double>(mean) - reach) / step) - 2.0;
+  const double to = std::ceil((static_cast<double>(mean) + reach) / step) + 2.0;
+  if (from > static_cast<double>(*lo)) *lo = from > static_cast<double>(last) ? last + 1 : static_cast<std::int64_t>(from);
+  if (to < static_cast<double>(*hi)) *hi = to < static_cast<double>(first) ? first - 1 : static_cast<std::int64_t>(to);
+}
+
+// Adds weight * exp(-(z - mean)^2 / sigma) for z = k * step into bins[k -
+// first] for every bin k of [first, first + n) where the term can differ
+// from +-0.
+inline void addComponent(float* bins, std::int64_t first, std::int64_t n, float w, float mean, float sigma,
+                         float step, SigmaMemo* memo) {
+  const std::int64_t last = first + n - 1;
+  if (memo != nullptr && mean >= 0.f && mean <= 255.f && mean == std::floor(mean) && std::isfinite(w) &&
+      std::isfinite(sigma) && sigma > 0.f) {
+    // Value axis, step 1, whole-number mean: z - mean = k - m exactly.
+    int reach = 0;
+    if (const float* table = memo->find(sigma, &reach)) {
+      const auto m = static_cast<std::int64_t>(mean);
+      const std::int64_t lo = std::max(first, m - reach), hi = std::min(last, m + reach);
+      if (lo > hi) return;
+      float* out = bins + (lo - first);
+      const float* src = table + (lo - m + 255);
+      for (std::int64_t q = 0; q <= hi - lo; ++q) out[q] += w * src[q];
+      return;
+    }
+  }
+  std::int64_t lo = 0, hi = 0;
+  termRange(w, mean, sigma, step, first, last, &lo, &hi);
+  for (std::int64_t k = lo; k <= hi; ++k) {
+    const float z = static_cast<float>(k) * step;
+    const float d = z - mean;
+    bins[k - first] += w * std::exp(-(d * d) / sigma);
+  }
+}
+
+// Writes ln((v / S) * scale + floor) of each of the n bins to out; S is the
+// ascending sum. A zero sum stores log_floor everywhere (see the header).
+void normaliseInto(const float* bins, std::int64_t n, float scale, float floor, float log_floor, float* out) {
+  float sum = 0.f;
+  for (std::int64_t k = 0; k < n; ++k) sum += bins[k];
+  if (sum == 0.f) {
+    std::fill(out, out + n, log_floor);
+    return;
+  }
+  std::uint32_t floor_bits = 0;
+  std::memcpy(&floor_bits, &floor, sizeof floor_bits);
+  for (std::int64_t k = 0; k < n; ++k) {
+    const float arg = (bins[k] / sum) * scale + floor;
+    std::uint32_t bits = 0;
+    std::memcpy(&bits, &arg, sizeof bits);
+    out[k] = bits == floor_bits ? log_floor : std::log(arg);
+  }
+}
+
+}  // namespace
+
+GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float value_step) const {
+  GridMatrixTable table;
+  if (!precalculated_) return table;
+
+  // Geometry, in single precision as stated.
+  const float f = static_cast<float>(factor);
+  table.resolution_ = resolution_ * f;
+  table.cols_ = toInt32(std::ceil(static_cast<float>(cols_) / f));
+  table.rows_ = toInt32(std::ceil(static_cast<float>(rows_) / f));
+  table.offset_x_ = toInt32(std::floor(static_cast<float>(offset_x_) / f));
+  table.offset_y_ = toInt32(std::floor(static_cast<float>(offset_y_) / f));
+  table.height_step_ = height_step;
+  table.value_step_ = value_step;
+  const bool has_grid = table.cols_ > 0 && table.rows_ > 0 &&
+                        static_cast<std::uint64_t>(table.cols_) * static_cast<std::uint64_t>(table.rows_) <=
+                            std::numeric_limits<std::uint32_t>::max();
+  table.grid_size_ = has_grid ? static_cast<std::uint32_t>(table.cols_) * static_cast<std::uint32_t>(table.rows_) : 0u;
+  if (table.grid_size_ == 0) return table;
+
+  const std::int64_t columns = table.cols_;
+  const std::int64_t rows = table.rows_;
+  table.coarse_cells_.resize(table.grid_size_);
+  MCellCoarse* const records = table.coarse_cells_.data();
+  const BlockWalker walker(*this, table, factor);
+  const int team = std::max(1, omp_get_max_threads());
+
+  // Range pass: counts and first bins into the records; the widest ranges
+  // size the per-thread working memory.
+  std::vector<std::int64_t> widest_value(static_cast<std::size_t>(team), 0);
+  std::vector<std::int64_t> widest_height(static_cast<std::size_t>(team), 0);
+#pragma omp parallel num_threads(team)
+  {
+    const int thread = omp_get_thread_num();
+    const WorkRange range = staticSplit(columns, omp_get_num_threads(), thread);
+    std::int64_t value_n = 0, height_n = 0;
+    for (std::int64_t i = range.begin; i < range.end; ++i) {
+      for (std::int64_t j = 0; j < rows; ++j) {
+        const BlockRanges r = blockRanges(walker, i, j, value_step, height_step);
+        MCellCoarse& rec = records[j * columns + i];
+        rec.value_bins = static_cast<std::uint16_t>(r.value_n);
+        rec.value_first = firstField(r.value_first);
+        rec.height_bins = static_cast<std::uint16_t>(r.height_n);
+        rec.height_first = firstField(r.height_first);
+        value_n = std::max(value_n, r.value_n);
+        height_n = std::max(height_n, r.height_n);
+      }
+    }
+    widest_value[static_cast<std::size_t>(thread)] = value_n;
+    widest_height[static_cast<std::size_t>(thread)] = height_n;
+  }
+
+  // Offsets: running sums in flat coarse order.
+  std::uint64_t value_total = 0, height_total = 0;
+  for (std::uint32_t p = 0; p < table.grid_size_; ++p) {
+    records[p].value_offset = static_cast<std::uint32_t>(value_total);
+    records[p].height_offset = static_cast<std::uint32_t>(height_total);
+    value_total += records[p].value_bins;
+    height_total += records[p].height_bins;
+  }
+  constexpr std::uint64_t kAddressable = std::numeric_limits<std::uint32_t>::max();
+  if (value_total > kAddressable || height_total > kAddressable) throw std::bad_alloc();
+  table.value_table_.resize(value_total);
+  table.height_table_.resize(height_total);
+
+  const std::int64_t value_width = *std::max_element(widest_value.begin(), widest_value.end());
+  const std::int64_t height_width = *std::max_element(widest_height.begin(), widest_height.end());
+  const bool use_memo = value_step == 1.0f;
+  std::vector<Scratch> scratch(static_cast<std::size_t>(team));
+  for (Scratch& s : scratch) {
+    s.value_bins.reset(new float[static_cast<std::size_t>(std::max<std::int64_t>(value_width, 1))]);
+    s.height_bins.reset(new float[static_cast<std::size_t>(std::max<std::int64_t>(height_width, 1))]);
+    if (use_memo) s.memo.reset(new SigmaMemo());
+  }
+
+  float* const value_out = table.value_table_.data();
+  float* const height_out = table.height_table_.data();
+  const float scale = table.prob_scale_, floor = table.prob_floor_;
+  const float log_floor = std::log(floor);
+
+  // Fill pass: every histogram straight into its place.
+#pragma omp parallel num_threads(team)
+  {
+    const int thread = omp_get_thread_num();
+    const WorkRange range = staticSplit(columns, omp_get_num_threads(), thread);
+    Scratch& s = scratch[static_cast<std::size_t>(thread)];
+    float* const vbins = s.value_bins.get();
+    float* const hbins = s.height_bins.get();
+    SigmaMemo* const memo = s.memo.get();
+    for (std::int64_t i = range.begin; i < range.end; ++i) {
+      for (std::int64_t j = 0; j < rows; ++j) {
+        const MCellCoarse& rec = records[j * columns + i];
+        if (rec.value_bins == 0 && rec.height_bins == 0) continue;
+        const BlockRanges r = blockRanges(walker, i, j, value_step, height_step);
+        std::fill(vbins, vbins + r.value_n, 0.f);
+        std::fill(hbins, hbins + r.height_n, 0.f);
+        walker.forEachCell(i, j, [&](const MCell& cell) {
+          for (int c = 0; c < 2; ++c) {
+            if (r.value_n > 0)
+              addComponent(vbins, r.value_first, r.value_n, cell.value_weight[c], cell.value_mean[c],
+                           cell.value_sigma[c], value_step, memo);
+            if (r.height_n > 0)
+              addComponent(hbins, r.height_first, r.height_n, cell.height_weight[c], cell.height_mean[c],
+                           cell.height_sigma[c], height_step, nullptr);
+          }
+        });
+        normaliseInto(vbins, r.value_n, scale, floor, log_floor, value_out + rec.value_offset);
+        normaliseInto(hbins, r.height_n, scale, floor, log_floor, height_out + rec.height_offset);
+      }
+    }
+  }
+  return table;
+}
 
 }  // namespace localization
 }  // namespace zorvane
