@@ -31,6 +31,7 @@
 #include "localization/look_up_table.h"
 
 #include <omp.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <cmath>
@@ -40,6 +41,10 @@
 #include <memory>
 #include <new>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "localization/parallel_split.h"
 
@@ -57,14 +62,34 @@ std::int32_t toInt32(float v) {
   return static_cast<std::int32_t>(v);
 }
 
-// Nearest whole number, halves away from zero, then saturated.
-std::int32_t roundToBin(float v) { return toInt32(std::round(v)); }
+// Nearest whole number, halves away from zero, then saturated: the same
+// result as toInt32(std::round(v)), without the library call. Below 2^23 in
+// magnitude v - trunc(v) is exact; from 2^23 on every float is whole.
+inline std::int32_t roundToBin(float v) {
+  if (!(std::fabs(v) < 2147483648.0f)) return toInt32(v);
+  const auto t = static_cast<std::int32_t>(v);  // towards zero
+  const float rest = v - static_cast<float>(t);
+  if (rest >= 0.5f) return t + 1;
+  if (rest <= -0.5f) return t - 1;
+  return t;
+}
 
 // The low 16 bits of a histogram's first bin as its f32 element holds it
 // (exact for |first| < 2^24).
 std::int16_t firstField(std::int64_t first) {
   const auto held = static_cast<std::int64_t>(static_cast<float>(first));
   return static_cast<std::int16_t>(static_cast<std::uint16_t>(static_cast<std::uint64_t>(held) & 0xFFFFu));
+}
+
+// Cache hint for the line holding p. A plain __builtin_prefetch in a loop
+// that does nothing else is deleted by the optimiser as a loop without
+// effects; the volatile asm stays.
+inline void prefetch(const void* p) {
+#if defined(__x86_64__) || defined(__i386__)
+  asm volatile("prefetcht0 %0" : : "m"(*static_cast<const char*>(p)));
+#else
+  __builtin_prefetch(p);
+#endif
 }
 
 // The grid-position rectangle of one coarse position's block that lies
@@ -109,6 +134,25 @@ class BlockWalker {
     }
   }
 
+  // Cache hints for a block that will be visited soon: its index entries,
+  // or (once those are likely cached) its cells. Cells are 64-byte records
+  // spread over several grid rows; without the hints both passes wait on
+  // memory for most of their time.
+  void prefetchIndex(std::int64_t i, std::int64_t j) const {
+    BlockWindow w;
+    if (!window(i, j, &w)) return;
+    for (std::int64_t b = w.b_begin; b < w.b_end; ++b) {
+      const std::int64_t row = (w.y0 + b) * cols_;
+      const std::int64_t from = row + w.x0 + w.a_begin, to = row + w.x0 + w.a_end - 1;
+      if (to >= index_size_) break;
+      prefetch(index_ + from);
+      prefetch(index_ + to);
+    }
+  }
+  void prefetchCells(std::int64_t i, std::int64_t j) const {
+    forEachCell(i, j, [](const MCell& cell) { prefetch(&cell); });
+  }
+
  private:
   // One axis: first grid line of the block (i - table offset) * factor +
   // matrix offset, and the part of [0, factor) inside [0, extent).
@@ -139,6 +183,45 @@ class BlockWalker {
   std::int64_t matrix_offset_x_, matrix_offset_y_;
   std::int64_t table_offset_x_, table_offset_y_;
 };
+
+// Blocks of a column strip are visited top to bottom; hint the index
+// entries of the block kIndexAhead rows on and the cells kCellsAhead rows on.
+constexpr std::int64_t kIndexAhead = 8;
+constexpr std::int64_t kCellsAhead = 4;
+
+inline void prefetchAhead(const BlockWalker& walker, std::int64_t i, std::int64_t j, std::int64_t rows) {
+  if (j + kIndexAhead < rows) walker.prefetchIndex(i, j + kIndexAhead);
+  if (j + kCellsAhead < rows) walker.prefetchCells(i, j + kCellsAhead);
+}
+
+// Sizes a table sequence to n zeros. A fresh block of hundreds of megabytes
+// is first faulted in by the whole team (the kernel zeroes new pages as they
+// are faulted, which would otherwise all happen on the calling thread); the
+// resize then only writes resident memory. Where the kernel does not offer
+// the request, the resize faults the pages itself.
+void sizeResident(MapVector<float>& v, std::size_t n, int team) {
+  v.reserve(n);
+  constexpr std::uintptr_t kPage = 4096;
+  constexpr std::uintptr_t kChunk = std::uintptr_t{2} << 20;
+  const auto start = reinterpret_cast<std::uintptr_t>(v.data());
+  const std::uintptr_t begin = (start + kPage - 1) & ~(kPage - 1);
+  const std::uintptr_t end = (start + n * sizeof(float)) & ~(kPage - 1);
+#if defined(MADV_POPULATE_WRITE)
+  if (team > 1 && end > begin + 4 * kChunk) {
+    const auto chunks = static_cast<std::int64_t>((end - begin + kChunk - 1) / kChunk);
+#pragma omp parallel num_threads(team)
+    {
+      const WorkRange range = staticSplit(chunks, omp_get_num_threads(), omp_get_thread_num());
+      const std::uintptr_t from = begin + static_cast<std::uintptr_t>(range.begin) * kChunk;
+      const std::uintptr_t to = std::min(end, begin + static_cast<std::uintptr_t>(range.end) * kChunk);
+      if (to > from) (void)madvise(reinterpret_cast<void*>(from), to - from, MADV_POPULATE_WRITE);
+    }
+  }
+#else
+  (void)team;
+#endif
+  v.resize(n);
+}
 
 // Bin ranges of one block: value bins [value_first, value_first + value_n),
 // height bins likewise; n == 0 (with first 0) for an empty histogram.
@@ -180,14 +263,17 @@ BlockRanges blockRanges(const BlockWalker& walker, std::int64_t i, std::int64_t 
 // the cache is full, further sigmas are evaluated directly.
 class SigmaMemo {
  public:
-  static constexpr int kWidth = 511;  // entry 255 + d for d = -255..255
+  // Entry kPad + 255 + d for d = -255..255, and kPad zeros on either side,
+  // so that a run widened to whole groups of four bins stays inside.
+  static constexpr int kPad = 4;
+  static constexpr int kWidth = 511 + 2 * kPad;
   static constexpr std::uint32_t kSlots = 1u << 14;
   static constexpr std::int32_t kTables = 4096;
 
   SigmaMemo() : keys_(kSlots, 0u), entry_(kSlots, -1), reach_(kTables, 0), tables_(new float[kTables * kWidth]) {}
 
-  // The table for prepared sigma s (finite, > 0), or nullptr. *reach is the
-  // largest |d| whose entry is not zero.
+  // The table for prepared sigma s (finite, > 0), or nullptr; exp(-(d*d)/s)
+  // is at [kPad + 255 + d]. *reach is the largest |d| whose entry is not 0.
   const float* find(float s, int* reach) {
     std::uint32_t key = 0;
     std::memcpy(&key, &s, sizeof key);
@@ -209,12 +295,13 @@ class SigmaMemo {
       e = used_tables_++;
       entry_[slot] = e;
       float* table = tables_.get() + static_cast<std::ptrdiff_t>(e) * kWidth;
+      std::fill(table, table + kWidth, 0.f);
       int last = -1;
       for (int d = 0; d <= 255; ++d) {
         const float df = static_cast<float>(d);
         const float v = std::exp(-(df * df) / s);
-        table[255 + d] = v;
-        table[255 - d] = v;
+        table[kPad + 255 + d] = v;
+        table[kPad + 255 - d] = v;
         if (v != 0.f) last = d;
       }
       reach_[e] = last;
@@ -262,6 +349,31 @@ void termRange(float w, float mean, float sigma, float step, std::int64_t first,
   if (to < static_cast<double>(*hi)) *hi = to < static_cast<double>(first) ? first - 1 : static_cast<std::int64_t>(to);
 }
 
+// out[q] += w * src[q] for q < 4 * groups; out is 16-byte aligned. Each
+// lane is one single-precision multiply and one add, as in scalar code.
+// Written with SSE2 so that the stores and the next component's loads of
+// `out` always fall on the same 16-byte groups (a compiler-vectorised loop
+// may align on `src` instead, and reloading a group that straddles two
+// recent stores stalls).
+inline void addScaledGroups(float* out, const float* src, float w, std::int64_t groups) {
+#if defined(__SSE2__)
+  const __m128 weight = _mm_set1_ps(w);
+  for (std::int64_t g = 0; g < groups; ++g) {
+    const __m128 term = _mm_mul_ps(weight, _mm_loadu_ps(src + 4 * g));
+    _mm_store_ps(out + 4 * g, _mm_add_ps(_mm_load_ps(out + 4 * g), term));
+  }
+#else
+  for (std::int64_t q = 0; q < 4 * groups; ++q) out[q] += w * src[q];
+#endif
+}
+
+// Below this exponent expf returns exactly +0 (its result would be under
+// half the smallest subnormal from -103.972 on).
+constexpr float kZeroExponent = -104.0f;
+// Runs of at most this many bins are evaluated bin by bin without first
+// bounding the bins that can hold mass.
+constexpr std::int64_t kShortRun = 32;
+
 // Adds weight * exp(-(z - mean)^2 / sigma) for z = k * step into bins[k -
 // first] for every bin k of [first, first + n) where the term can differ
 // from +-0.
@@ -276,34 +388,50 @@ inline void addComponent(float* bins, std::int64_t first, std::int64_t n, float 
       const auto m = static_cast<std::int64_t>(mean);
       const std::int64_t lo = std::max(first, m - reach), hi = std::min(last, m + reach);
       if (lo > hi) return;
-      float* out = bins + (lo - first);
-      const float* src = table + (lo - m + 255);
-      for (std::int64_t q = 0; q <= hi - lo; ++q) out[q] += w * src[q];
+      // Widened to whole groups of four bins from the start of `bins`, so
+      // that successive components store and reload the same 16-byte
+      // groups. The extra bins get w * 0 (the table is 0 beyond reach) or
+      // lie in the padding behind the histogram, which is never read out.
+      const std::int64_t from = (lo - first) & ~std::int64_t{3}, to = (hi - first) | 3;
+      float* out = bins + from;
+      const float* src = table + (first + from - m + 255 + SigmaMemo::kPad);
+      addScaledGroups(out, src, w, (to - from + 1) / 4);
       return;
     }
   }
-  std::int64_t lo = 0, hi = 0;
-  termRange(w, mean, sigma, step, first, last, &lo, &hi);
+  // Long runs are first cut down to the bins that can hold mass; every
+  // remaining bin forms its exponent exactly as stated and skips the call
+  // when the exponent is below -104, where expf is exactly +0 (it underflows
+  // from -103.97 on) and a finite weight makes the term +-0.
+  std::int64_t lo = first, hi = last;
+  if (n > kShortRun) termRange(w, mean, sigma, step, first, last, &lo, &hi);
+  const bool weight_finite = std::isfinite(w);
   for (std::int64_t k = lo; k <= hi; ++k) {
     const float z = static_cast<float>(k) * step;
     const float d = z - mean;
-    bins[k - first] += w * std::exp(-(d * d) / sigma);
+    const float exponent = -(d * d) / sigma;
+    if (exponent < kZeroExponent && weight_finite) continue;
+    bins[k - first] += w * std::exp(exponent);
   }
 }
 
 // Writes ln((v / S) * scale + floor) of each of the n bins to out; S is the
 // ascending sum. A zero sum stores log_floor everywhere (see the header).
-void normaliseInto(const float* bins, std::int64_t n, float scale, float floor, float log_floor, float* out) {
+// The arguments are formed in place in `bins` first (a loop the compiler can
+// vectorise; each element is still (v / S) * scale + floor in single
+// precision), then the logarithms are taken one by one.
+void normaliseInto(float* bins, std::int64_t n, float scale, float floor, float log_floor, float* out) {
   float sum = 0.f;
   for (std::int64_t k = 0; k < n; ++k) sum += bins[k];
   if (sum == 0.f) {
     std::fill(out, out + n, log_floor);
     return;
   }
+  for (std::int64_t k = 0; k < n; ++k) bins[k] = (bins[k] / sum) * scale + floor;
   std::uint32_t floor_bits = 0;
   std::memcpy(&floor_bits, &floor, sizeof floor_bits);
   for (std::int64_t k = 0; k < n; ++k) {
-    const float arg = (bins[k] / sum) * scale + floor;
+    const float arg = bins[k];
     std::uint32_t bits = 0;
     std::memcpy(&bits, &arg, sizeof bits);
     out[k] = bits == floor_bits ? log_floor : std::log(arg);
@@ -335,6 +463,9 @@ GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float 
   const std::int64_t rows = table.rows_;
   table.coarse_cells_.resize(table.grid_size_);
   MCellCoarse* const records = table.coarse_cells_.data();
+  // The records keep only the low 16 bits of a height first bin; the fill
+  // pass needs all of it. (Value first bins, 0..255, fit the record.)
+  std::unique_ptr<std::int32_t[]> height_firsts(new std::int32_t[table.grid_size_]);
   const BlockWalker walker(*this, table, factor);
   const int team = std::max(1, omp_get_max_threads());
 
@@ -349,8 +480,11 @@ GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float 
     std::int64_t value_n = 0, height_n = 0;
     for (std::int64_t i = range.begin; i < range.end; ++i) {
       for (std::int64_t j = 0; j < rows; ++j) {
+        prefetchAhead(walker, i, j, rows);
+        if (j + kCellsAhead < rows) prefetch(records + (j + kCellsAhead) * columns + i);
         const BlockRanges r = blockRanges(walker, i, j, value_step, height_step);
         MCellCoarse& rec = records[j * columns + i];
+        height_firsts[j * columns + i] = static_cast<std::int32_t>(r.height_first);
         rec.value_bins = static_cast<std::uint16_t>(r.value_n);
         rec.value_first = firstField(r.value_first);
         rec.height_bins = static_cast<std::uint16_t>(r.height_n);
@@ -373,15 +507,16 @@ GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float 
   }
   constexpr std::uint64_t kAddressable = std::numeric_limits<std::uint32_t>::max();
   if (value_total > kAddressable || height_total > kAddressable) throw std::bad_alloc();
-  table.value_table_.resize(value_total);
-  table.height_table_.resize(height_total);
+  sizeResident(table.value_table_, value_total, team);
+  sizeResident(table.height_table_, height_total, team);
 
   const std::int64_t value_width = *std::max_element(widest_value.begin(), widest_value.end());
   const std::int64_t height_width = *std::max_element(widest_height.begin(), widest_height.end());
   const bool use_memo = value_step == 1.0f;
   std::vector<Scratch> scratch(static_cast<std::size_t>(team));
   for (Scratch& s : scratch) {
-    s.value_bins.reset(new float[static_cast<std::size_t>(std::max<std::int64_t>(value_width, 1))]);
+    // Value bins padded to whole groups of four (see addComponent).
+    s.value_bins.reset(new float[static_cast<std::size_t>((value_width | 3) + 1)]);
     s.height_bins.reset(new float[static_cast<std::size_t>(std::max<std::int64_t>(height_width, 1))]);
     if (use_memo) s.memo.reset(new SigmaMemo());
   }
@@ -402,10 +537,15 @@ GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float 
     SigmaMemo* const memo = s.memo.get();
     for (std::int64_t i = range.begin; i < range.end; ++i) {
       for (std::int64_t j = 0; j < rows; ++j) {
+        prefetchAhead(walker, i, j, rows);
         const MCellCoarse& rec = records[j * columns + i];
         if (rec.value_bins == 0 && rec.height_bins == 0) continue;
-        const BlockRanges r = blockRanges(walker, i, j, value_step, height_step);
-        std::fill(vbins, vbins + r.value_n, 0.f);
+        BlockRanges r;
+        r.value_first = rec.value_first;
+        r.value_n = rec.value_bins;
+        r.height_first = height_firsts[j * columns + i];
+        r.height_n = rec.height_bins;
+        std::fill(vbins, vbins + ((r.value_n + 3) & ~std::int64_t{3}), 0.f);
         std::fill(hbins, hbins + r.height_n, 0.f);
         walker.forEachCell(i, j, [&](const MCell& cell) {
           for (int c = 0; c < 2; ++c) {
