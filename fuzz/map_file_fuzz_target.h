@@ -124,7 +124,7 @@ inline std::string checkMapFileInput(const std::uint8_t* data, std::size_t size)
     return "";
   }
   if (!m.precalculated_) return "loaded matrix is not prepared";
-  if (!localization::lossy::isLoadableGeometry(m.rows_, m.cols_, m.grid_size_)) {
+  if (!localization::lossy::isLoadableGeometry(m.rows_, m.cols_, m.grid_size_, m.cells_.size())) {
     return "loaded geometry out of range";
   }
   if (m.index_.size() != m.grid_size_) return "index size differs from the grid";

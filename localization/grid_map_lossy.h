@@ -71,10 +71,12 @@ class GridMapLossy : public GridMapBase {
   //  - whole records declared beyond the end of the file: red "ReadFromFile
   //    : Map size is not same as raw data!"; false; header values and
   //    geometry loaded; cells_ and index_ empty; precalculated_ false.
-  //  - negative rows or columns, a grid whose 32-bit size wraps, or more
-  //    than 2^30 positions (lossy::kMaxGridPositions): red "GridMapLossy
+  //  - negative rows or columns, a grid whose 32-bit size wraps, or a grid
+  //    too large for its cells (more than 2^24 + 256 * records positions,
+  //    or more than 2^30; see lossy_codec.h): red "GridMapLossy
   //    loadBodyBinary : Map dimensions out of range"; false; header values
   //    and geometry loaded; cells_ and index_ empty; precalculated_ false.
+  //    Decided from the header, before any memory is taken for the index.
   //  - a record naming a position at or beyond the grid: red "GridMapLossy
   //    loadBodyBinary : Cell position out of range"; false; as the row above.
   //  - body size field below 22: false (no message of its own); header
@@ -102,20 +104,26 @@ class GridMapLossy : public GridMapBase {
 
   // Writes one 22-byte record per non-negative index_ entry, in increasing
   // position, at `buf`, which holds getBodyBinarySize() bytes. Returns
-  // getBodyBinarySize(). Refuses a matrix whose index does not name every
-  // cell exactly once (an entry beyond cells_, a cell named twice or not at
-  // all), or whose records would not fit the declared size: prints red
-  // "GridMapLossy addBodyBinary : Index does not name each cell once", writes
-  // nothing and returns -1.
+  // getBodyBinarySize(). A matrix without cells writes nothing. Otherwise
+  // the writer refuses, writing nothing and returning -1, a matrix that
+  // ReadFromFile would not give back:
+  //  - an index that does not name every cell exactly once (an entry beyond
+  //    cells_, a cell named twice or by no position), or records that would
+  //    not fit the declared size: red "GridMapLossy addBodyBinary : Index
+  //    does not name each cell once";
+  //  - an index of other than grid_size_ entries, or a geometry the reader
+  //    refuses (lossy::isLoadableGeometry): red "GridMapLossy addBodyBinary
+  //    : Map dimensions out of range".
   int addBodyBinary(char* buf) override;
 
   // Rebuilds index_ and cells_ from body_size_ / 22 records at `buf` and
   // clears precalculated_; returns getBodyBinarySize() afterwards (22 times
   // the cells read). `buf` must hold that many bytes. Duplicate positions:
   // the later record wins, the earlier cell stays without a position.
-  // Refuses (red message, empty cells_ and index_, returns 0) a geometry
-  // outside lossy::isLoadableGeometry or more than 97,612,890 records
-  // ("GridMapLossy loadBodyBinary : Map dimensions out of range"), and a
+  // Refuses (red message, empty cells_ and index_, returns 0) more than
+  // 97,612,890 records or a geometry outside lossy::isLoadableGeometry for
+  // the declared records ("GridMapLossy loadBodyBinary : Map dimensions out
+  // of range"), before reading the body or sizing the index, and a
   // record naming a position at or beyond grid_size_ ("GridMapLossy
   // loadBodyBinary : Cell position out of range").
   int loadBodyBinary(char* buf) override;
@@ -201,10 +209,17 @@ inline int GridMapLossy::loadHeaderBinary(char* buf) {
 }
 
 inline int GridMapLossy::addBodyBinary(char* buf) {
+  if (matrix_.cells_.empty()) return getBodyBinarySize();
   const std::int64_t declared = getBodyBinarySize();
   const std::int64_t records = lossy::countBodyRecords(matrix_);
   if (records < 0 || records * lossy::kRecordBytes > declared) {
     internal::printRedLine("GridMapLossy addBodyBinary : Index does not name each cell once");
+    return -1;
+  }
+  if (matrix_.index_.size() != matrix_.grid_size_ ||
+      !lossy::isLoadableGeometry(matrix_.rows_, matrix_.cols_, matrix_.grid_size_,
+                                 static_cast<std::uint64_t>(records))) {
+    internal::printRedLine("GridMapLossy addBodyBinary : Map dimensions out of range");
     return -1;
   }
   lossy::encodeBody(matrix_, cellScales(), buf);
@@ -213,8 +228,8 @@ inline int GridMapLossy::addBodyBinary(char* buf) {
 
 inline int GridMapLossy::loadBodyBinary(char* buf) {
   const std::uint32_t records = body_size_ / lossy::kRecordBytes;
-  if (!lossy::isLoadableGeometry(matrix_.rows_, matrix_.cols_, matrix_.grid_size_) ||
-      records > lossy::kMaxCells) {
+  if (records > lossy::kMaxCells ||
+      !lossy::isLoadableGeometry(matrix_.rows_, matrix_.cols_, matrix_.grid_size_, records)) {
     releaseCells();
     internal::printRedLine("GridMapLossy loadBodyBinary : Map dimensions out of range");
     return getBodyBinarySize();

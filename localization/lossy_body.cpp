@@ -7,10 +7,13 @@ namespace zorvane {
 namespace localization {
 namespace lossy {
 
-bool isLoadableGeometry(std::int32_t rows, std::int32_t cols, std::uint32_t grid_size) {
+bool isLoadableGeometry(std::int32_t rows, std::int32_t cols, std::uint32_t grid_size,
+                        std::uint64_t records) {
   if (rows < 0 || cols < 0) return false;
   const std::uint64_t positions = static_cast<std::uint64_t>(rows) * static_cast<std::uint64_t>(cols);
-  return positions == grid_size && positions <= kMaxGridPositions;
+  if (positions != grid_size || positions > kMaxGridPositions) return false;
+  // records <= 2^32, so the product cannot overflow.
+  return positions <= kFreeGridPositions + kPositionsPerCell * records;
 }
 
 std::int64_t countBodyRecords(const GridMatrix& matrix) {

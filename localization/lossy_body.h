@@ -15,10 +15,13 @@ namespace zorvane {
 namespace localization {
 namespace lossy {
 
-// True when `rows` x `cols` is a grid a file may declare: both extents
-// non-negative, their product equal to `grid_size` (no 32-bit wrap) and at
-// most kMaxGridPositions.
-bool isLoadableGeometry(std::int32_t rows, std::int32_t cols, std::uint32_t grid_size);
+// True when a `rows` x `cols` grid holding `records` cells is one a file
+// may declare: both extents non-negative, their product equal to
+// `grid_size` (no 32-bit wrap), and within the bounds of lossy_codec.h
+// (kFreeGridPositions + kPositionsPerCell * records, and
+// kMaxGridPositions).
+bool isLoadableGeometry(std::int32_t rows, std::int32_t cols, std::uint32_t grid_size,
+                        std::uint64_t records);
 
 // Number of records the writer would produce for `matrix`, or -1 when the
 // matrix breaks its invariant: a non-negative index_ entry that names no

@@ -60,10 +60,18 @@ constexpr std::int64_t kMaxCells = (std::int64_t{0x7fffffff} - kHeaderBytes) / k
 constexpr std::int64_t kMaxFileBytes = kHeaderBytes + kRecordBytes * kMaxCells;
 static_assert(kMaxCells == 97612890, "cell bound of the signed 32-bit lengths");
 
-// Largest grid (cols * rows positions) a file may declare: 2^30 positions,
-// a 4 GiB position index. Beyond it a few bytes of header would commit the
-// loader to an index larger than many vehicle computers' memory; real maps
-// are tiled well below it (a 32768 x 32768 grid is 4.9 km square at 0.15 m).
+// How large a grid (cols * rows positions) a file may declare. The index
+// costs 4 bytes per position whether occupied or not, so a few header bytes
+// could otherwise commit the loader to gigabytes: 65535 x 65535 positions
+// is a 17 GB index. A grid is accepted when it has at most
+//   kFreeGridPositions + kPositionsPerCell * (number of records)
+// positions, and never more than kMaxGridPositions. The index a file can
+// demand is then proportional to the file (at most about 47 bytes per file
+// byte beyond a 64 MiB allowance), which real maps stay far below: a grid of
+// 4096 x 4096 positions is always accepted, and beyond it any map whose
+// cells occupy at least 1 position in 256.
+constexpr std::uint64_t kFreeGridPositions = std::uint64_t{1} << 24;
+constexpr std::uint64_t kPositionsPerCell = 256;
 constexpr std::uint64_t kMaxGridPositions = std::uint64_t{1} << 30;
 
 // --- Step rule: sigmas (no origin), height means and aux_value (origin). ---

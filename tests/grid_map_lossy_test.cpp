@@ -350,6 +350,33 @@ TEST(GridMapLossySaveTest, RefusesAnIndexThatDoesNotNameEachCellOnce) {
   }
 }
 
+TEST(GridMapLossySaveTest, RefusesAGeometryTheReaderWouldRefuse) {
+  const std::string refusal = redLine("GridMapLossy addBodyBinary : Map dimensions out of range");
+  GridMapLossy map;
+  fillExampleMap(&map);
+  GridMatrix& m = map.mutable_matrix();
+  m.index_.push_back(-1);  // 7 entries for 6 positions
+  Bytes buf(83, '\x5a');
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(map.addBodyBinary(buf.data() + 61), -1);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), refusal);
+  EXPECT_EQ(Bytes(buf.begin() + 61, buf.end()), Bytes(22, '\x5a'));
+
+  // A grid far too sparse for its one cell, with a matching index.
+  m.manualInit(0.15f, 5000, 4000, 0, 0);
+  m.index_.assign(m.grid_size_, -1);
+  m.index_[12345] = 0;
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(map.addBodyBinary(buf.data() + 61), -1);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), refusal);
+
+  // Without cells nothing is written and nothing is checked.
+  m.cells_.clear();
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(map.addBodyBinary(buf.data() + 61), 0);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+}
+
 // A size operation overridden by a subclass is what the others use.
 class ShortBodyMap : public GridMapLossy {
  public:

@@ -108,8 +108,13 @@ std::vector<HostileCase> hostileCorpus() {
                After::kHeaderOnly});
   c.push_back({"grid size wrapping to a small grid", withRecords(grid(65537, 65535), {0}), false,
                kDimensions, After::kHeaderOnly});
-  c.push_back({"one row beyond 2^30 positions", withRecords(grid(32769, 32768), {0}), false,
+  c.push_back({"beyond 2^30 positions", withRecords(grid(32769, 32768), {0}), false, kDimensions,
+               After::kHeaderOnly});
+  // One record allows 2^24 + 256 positions: 256 x 65537 is just that many.
+  c.push_back({"one row beyond what one cell allows", withRecords(grid(257, 65537), {0}), false,
                kDimensions, After::kHeaderOnly});
+  c.push_back({"as many positions as one cell allows", withRecords(grid(256, 65537), {16777471}),
+               true, "", After::kReady});
 
   // Records naming positions outside the grid.
   c.push_back({"position at the grid size", withRecords(grid(2, 3), {6}), false, kPosition,
