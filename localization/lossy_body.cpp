@@ -1,7 +1,16 @@
 #include "localization/lossy_body.h"
 
+#include <omp.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include <algorithm>
+#include <atomic>
 #include <cstddef>
+#include <thread>
 #include <vector>
+
 
 namespace zorvane {
 namespace localization {
@@ -46,12 +55,112 @@ std::int64_t encodeBody(const GridMatrix& matrix, const CellScales& scales, char
   return out - dst;
 }
 
+namespace {
+
+// Raw -> prepared, exactly as GridMatrix::runPreCalc does it: the weight is
+// divided by the raw sigma, then the sigma becomes s * (s + s).
+inline void prepareComponent(float& sigma, float& weight) {
+  const float s = sigma;
+  weight = weight / s;
+  sigma = s * (s + s);
+}
+
+inline void prepareCell(MCell* cell) {
+  prepareComponent(cell->value_sigma[0], cell->value_weight[0]);
+  prepareComponent(cell->value_sigma[1], cell->value_weight[1]);
+  prepareComponent(cell->height_sigma[0], cell->height_weight[0]);
+  prepareComponent(cell->height_sigma[1], cell->height_weight[1]);
+}
+
+// Stores a whole cell past the caches: a map's cells are far larger than
+// the caches and are not read again during the load, so fetching each line
+// before overwriting it would only double the memory traffic. The padding
+// bytes go along with the floats.
+inline void streamCell(const MCell& cell, MCell* dst) {
+#if defined(__SSE2__)
+  const auto* from = reinterpret_cast<const __m128i*>(&cell);
+  auto* to = reinterpret_cast<__m128i*>(dst);
+  _mm_stream_si128(to + 0, _mm_loadu_si128(from + 0));
+  _mm_stream_si128(to + 1, _mm_loadu_si128(from + 1));
+  _mm_stream_si128(to + 2, _mm_loadu_si128(from + 2));
+  _mm_stream_si128(to + 3, _mm_loadu_si128(from + 3));
+#else
+  *dst = cell;
+#endif
+}
+
+// Makes streamed stores visible before the thread leaves the region.
+inline void fenceStreamedStores() {
+#if defined(__SSE2__)
+  _mm_sfence();
+#endif
+}
+
+// Waits for another thread of the team to publish progress: spins briefly,
+// then yields, so that a machine busy with other work is not made busier.
+template <class Ready>
+void waitUntil(Ready ready) {
+  for (int spins = 0; !ready(); ++spins) {
+    if (spins < 2048) {
+#if defined(__SSE2__)
+      _mm_pause();
+#endif
+    } else {
+      std::this_thread::yield();
+    }
+  }
+}
+
+// Records are handed over between the threads of a load in chunks of this
+// many: 512 KiB of cells.
+constexpr std::size_t kChunkRecords = 8192;
+
+struct RangeResult {
+  bool position_in_grid = true;
+  bool increasing = true;  // positions strictly increase, also from the record before
+};
+
+// Decodes records [begin, end) into cells [begin, end) and their index
+// entries. Cells below `kept` were there before the load and are updated
+// field by field; the others are written whole. Stops at the first record
+// naming a position outside the grid, before writing its index entry.
+RangeResult decodeRange(const char* src, std::size_t begin, std::size_t end, std::size_t grid,
+                        const CellScales& scales, bool prepare, std::size_t kept, MCell* cells,
+                        std::int32_t* index) {
+  RangeResult result;
+  std::int64_t previous = begin > 0 ? recordPosition(src + (begin - 1) * kRecordBytes) : -1;
+  for (std::size_t i = begin; i < end; ++i) {
+    const char* record = src + i * kRecordBytes;
+    const std::uint32_t position = recordPosition(record);
+    if (position >= grid) {
+      result.position_in_grid = false;
+      return result;
+    }
+    if (static_cast<std::int64_t>(position) <= previous) result.increasing = false;
+    previous = position;
+    index[position] = static_cast<std::int32_t>(i);
+    if (i < kept) {
+      decodeCellRecord(record, scales, &cells[i]);
+      if (prepare) prepareCell(&cells[i]);
+    } else {
+      MCell cell;
+      decodeCellRecord(record, scales, &cell);
+      if (prepare) prepareCell(&cell);
+      streamCell(cell, &cells[i]);
+    }
+  }
+  return result;
+}
+
+}  // namespace
+
 BodyDecodeStatus decodeBody(const char* src, std::uint32_t records, const CellScales& scales,
-                            GridMatrix* matrix) {
+                            bool prepare, GridMatrix* matrix) {
   matrix->precalculated_ = false;
   MapVector<std::int32_t>& index = matrix->index_;
   MapVector<MCell>& cells = matrix->cells_;
   const std::size_t grid = matrix->grid_size_;
+  const std::size_t count = records;
 
   // No entry of an earlier load survives, so a block too small for the new
   // grid is released before the new one is taken: growing it would copy
@@ -60,42 +169,76 @@ BodyDecodeStatus decodeBody(const char* src, std::uint32_t records, const CellSc
   if (index.capacity() < grid) MapVector<std::int32_t>().swap(index);
   index.reserve(grid);
 
-  // Cells beyond the new count are dropped; cells that stay are overwritten
-  // field by field, new ones are appended fully decoded, so that every cell
-  // is written exactly once.
-  if (cells.size() > records) cells.resize(records);
-  cells.reserve(records);
+  // Cells beyond the new count are dropped; cells that stay keep their
+  // storage and padding and are updated field by field.
+  if (cells.size() > count) cells.resize(count);
   const std::size_t kept = cells.size();
+  cells.reserve(count);
 
-  // One pass in record order. A valid file names increasing positions, so
-  // the index grows at its end: the gap before each named position is
-  // appended as -1 entries and the position itself as its cell number. A
-  // position at or below one already named (a duplicate or out-of-order
-  // record) overwrites the entry in place, so the later record wins.
-  for (std::uint32_t i = 0; i < records; ++i) {
-    const char* record = src + static_cast<std::size_t>(i) * kRecordBytes;
-    const std::uint32_t position = recordPosition(record);
-    if (position >= grid) {
-      MapVector<std::int32_t>().swap(index);
-      MapVector<MCell>().swap(cells);
-      return BodyDecodeStatus::kPositionOutOfRange;
+  // A load writes hundreds of megabytes of fresh memory. The container
+  // constructs new cells (faulting their pages in and zeroing them) one at
+  // a time on one thread, and the decode can only write constructed cells;
+  // so the two run as a pipeline over chunks of records. Thread 0 grows the
+  // cells chunk by chunk; thread 1 (thread 0 where the team has one thread)
+  // fills the index with -1; then every thread decodes constructed chunks
+  // in the order it draws them, thread 0 joining once all cells exist.
+  // Growing within the reserved capacity never moves the storage, so `out`
+  // stays valid, and a chunk is decoded only after its construction has
+  // been published.
+  //
+  // Which thread decodes a chunk changes nothing in the result: every cell
+  // depends on its own record alone, and the index is rebuilt in record
+  // order below unless no two records name the same position.
+  MCell* const out = cells.data();
+  const std::size_t chunks = (count + kChunkRecords - 1) / kChunkRecords;
+  std::atomic<bool> index_ready{false};
+  std::atomic<std::size_t> constructed{kept};
+  std::atomic<std::size_t> next_chunk{0};
+  std::atomic<bool> in_grid{true};
+  std::atomic<bool> increasing{true};
+#pragma omp parallel
+  {
+    const int thread = omp_get_thread_num();
+    if (thread == 1 || omp_get_num_threads() == 1) {
+      index.assign(grid, -1);
+      index_ready.store(true, std::memory_order_release);
     }
-    const auto number = static_cast<std::int32_t>(i);
-    if (position >= index.size()) {
-      index.resize(position, -1);
-      index.push_back(number);
-    } else {
-      index[position] = number;
+    if (thread == 0) {
+      for (std::size_t end = kept; end < count;) {
+        end = std::min(end + kChunkRecords, count);
+        cells.resize(end);
+        constructed.store(end, std::memory_order_release);
+      }
     }
-    if (i < kept) {
-      decodeCellRecord(record, scales, &cells[i]);
-    } else {
-      MCell cell;
-      decodeCellRecord(record, scales, &cell);
-      cells.push_back(cell);
+    waitUntil([&] { return index_ready.load(std::memory_order_acquire); });
+    std::int32_t* const idx = index.data();
+    for (std::size_t c = next_chunk.fetch_add(1); c < chunks; c = next_chunk.fetch_add(1)) {
+      if (!in_grid.load(std::memory_order_relaxed)) continue;
+      const std::size_t begin = c * kChunkRecords;
+      const std::size_t end = std::min(begin + kChunkRecords, count);
+      waitUntil([&] { return constructed.load(std::memory_order_acquire) >= end; });
+      const RangeResult r = decodeRange(src, begin, end, grid, scales, prepare, kept, out, idx);
+      if (!r.position_in_grid) in_grid.store(false, std::memory_order_relaxed);
+      if (!r.increasing) increasing.store(false, std::memory_order_relaxed);
+    }
+    fenceStreamedStores();
+  }
+
+  if (!in_grid.load()) {
+    MapVector<std::int32_t>().swap(index);
+    MapVector<MCell>().swap(cells);
+    return BodyDecodeStatus::kPositionOutOfRange;
+  }
+  if (!increasing.load()) {
+    // Some position is named twice (or records are out of order): replay
+    // the index in record order so that the later record wins.
+    std::fill(index.begin(), index.end(), -1);
+    std::int32_t* const idx = index.data();
+    for (std::size_t i = 0; i < count; ++i) {
+      idx[recordPosition(src + i * kRecordBytes)] = static_cast<std::int32_t>(i);
     }
   }
-  index.resize(grid, -1);
+  matrix->precalculated_ = prepare;
   return BodyDecodeStatus::kOk;
 }
 

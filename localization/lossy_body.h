@@ -51,7 +51,7 @@ enum class BodyDecodeStatus {
 // left with empty cells_ and index_ (their memory released) and
 // precalculated_ false.
 BodyDecodeStatus decodeBody(const char* src, std::uint32_t records, const CellScales& scales,
-                            GridMatrix* matrix);
+                            bool prepare, GridMatrix* matrix);
 
 }  // namespace lossy
 }  // namespace localization
