@@ -34,6 +34,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -69,9 +70,8 @@ inline std::int32_t roundToBin(float v) {
   if (!(std::fabs(v) < 2147483648.0f)) return toInt32(v);
   const auto t = static_cast<std::int32_t>(v);  // towards zero
   const float rest = v - static_cast<float>(t);
-  if (rest >= 0.5f) return t + 1;
-  if (rest <= -0.5f) return t - 1;
-  return t;
+  // Without branches: which way a bound rounds is data, not a pattern.
+  return t + static_cast<std::int32_t>(rest >= 0.5f) - static_cast<std::int32_t>(rest <= -0.5f);
 }
 
 // The low 16 bits of a histogram's first bin as its f32 element holds it
@@ -122,14 +122,26 @@ class BlockWalker {
   void forEachCell(std::int64_t i, std::int64_t j, Fn&& fn) const {
     BlockWindow w;
     if (!window(i, j, &w)) return;
+    // Occupancy looks random to the branch predictor, so each column of
+    // the block is first compacted into a list of its cells without
+    // branching, a stretch of at most kStretch positions at a time.
+    constexpr std::int64_t kStretch = 32;
+    const MCell* found[kStretch];
     for (std::int64_t a = w.a_begin; a < w.a_end; ++a) {
       const std::int64_t x = w.x0 + a;
-      for (std::int64_t b = w.b_begin; b < w.b_end; ++b) {
-        const std::int64_t flat = (w.y0 + b) * cols_ + x;
-        if (flat >= index_size_) continue;
-        const std::int32_t e = index_[flat];
-        if (e < 0 || e >= cell_count_) continue;
-        fn(cells_[e]);
+      // Rows whose flat position lies inside index_: y * cols_ + x < size.
+      const std::int64_t indexed_rows = x < index_size_ ? (index_size_ - x + cols_ - 1) / cols_ : 0;
+      const std::int64_t b_end = std::min(w.b_end, indexed_rows - w.y0);
+      for (std::int64_t b = w.b_begin; b < b_end; b += kStretch) {
+        const std::int64_t stretch_end = std::min(b_end, b + kStretch);
+        int count = 0;
+        for (std::int64_t q = b; q < stretch_end; ++q) {
+          const std::int32_t e = index_[(w.y0 + q) * cols_ + x];
+          const bool valid = (e >= 0) & (e < cell_count_);
+          found[count] = cells_ + (valid ? e : 0);
+          count += valid;
+        }
+        for (int k = 0; k < count; ++k) fn(*found[k]);
       }
     }
   }
@@ -257,6 +269,76 @@ BlockRanges blockRanges(const BlockWalker& walker, std::int64_t i, std::int64_t 
   return r;
 }
 
+// Subnormal floats. On many x86 cores every arithmetic instruction with a
+// subnormal operand or result takes a microcode assist costing some hundred
+// cycles, and the tails of every Gaussian pass through the subnormal range.
+// Where a term or a bin may be subnormal, the builder either shows that the
+// operation cannot change the bin, or carries it out exactly in double
+// precision on exactly converted operands: a product of two floats is exact
+// in double, and the sum of two floats computed in double and then rounded
+// to float is the correctly rounded float sum (53 >= 2 * 24 + 1 bits, so the
+// double rounding is harmless; a subnormal sum is exact in both).
+inline std::uint32_t bitsOf(float f) {
+  std::uint32_t b = 0;
+  std::memcpy(&b, &f, sizeof b);
+  return b;
+}
+inline float floatOf(std::uint32_t b) {
+  float f = 0.f;
+  std::memcpy(&f, &b, sizeof f);
+  return f;
+}
+constexpr std::uint32_t kSmallestNormalBits = 0x00800000u;  // 2^-126
+constexpr float kTinyTerm = 0x1p-100f;                       // see addMemoRun
+constexpr std::uint32_t kUnmovedBinBits = 0x26800000u;       // 2^-50
+
+inline bool isSubnormal(float f) {
+  const std::uint32_t magnitude = bitsOf(f) & 0x7fffffffu;
+  return magnitude != 0 && magnitude < kSmallestNormalBits;
+}
+
+// f as a double, without a floating-point operation on a subnormal.
+inline double exactDouble(float f) {
+  const std::uint32_t b = bitsOf(f);
+  if ((b & 0x7f800000u) != 0) return static_cast<double>(f);
+  const double magnitude = static_cast<double>(static_cast<std::int32_t>(b & 0x7fffffu)) * 0x1p-149;
+  return (b >> 31) != 0 ? -magnitude : magnitude;
+}
+
+// d rounded to float (to nearest, ties to even), building a subnormal
+// result from its bits.
+inline float roundedFloat(double d) {
+  const double magnitude = std::fabs(d);
+  if (!(magnitude < 0x1p-126)) return static_cast<float>(d);
+  // magnitude * 2^149 < 2^23: adding and removing 2^52 rounds it to a whole
+  // number, to nearest with ties to even, as the float operation would.
+  const double scaled = magnitude * 0x1p149;
+  const auto units = static_cast<std::uint32_t>((scaled + 0x1p52) - 0x1p52);
+  return floatOf(units | (std::signbit(d) ? 0x80000000u : 0u));
+}
+
+// x + w * e in single precision (the product rounded first), bit for bit,
+// with no subnormal reaching the FPU.
+inline float exactMulAdd(float x, float w, float e) {
+  const float product = roundedFloat(exactDouble(w) * exactDouble(e));
+  return roundedFloat(exactDouble(x) + exactDouble(product));
+}
+
+// x += w * e, taking the hardware path when no operand or result can be
+// subnormal: e >= 2^-100 and 2^-20 <= |w| <= 2^20 keep the product normal.
+inline void addProduct(float& x, float w, float e, bool w_moderate) {
+  if (w_moderate && e >= kTinyTerm && !isSubnormal(x)) {
+    x += w * e;
+  } else {
+    x = exactMulAdd(x, w, e);
+  }
+}
+
+inline bool moderate(float w) {
+  const float a = std::fabs(w);
+  return a >= 0x1p-20f && a <= 0x1p20f;
+}
+
 // Per-thread cache of exp(-(d*d) / sigma) for d = -255..255, keyed by the
 // bits of the prepared sigma. A sigma gets a table the second time the
 // thread meets it (a sigma met once is cheaper to evaluate directly); when
@@ -270,11 +352,17 @@ class SigmaMemo {
   static constexpr std::uint32_t kSlots = 1u << 14;
   static constexpr std::int32_t kTables = 4096;
 
-  SigmaMemo() : keys_(kSlots, 0u), entry_(kSlots, -1), reach_(kTables, 0), tables_(new float[kTables * kWidth]) {}
+  SigmaMemo()
+      : keys_(kSlots, 0u),
+        entry_(kSlots, -1),
+        reach_(kTables, 0),
+        core_(kTables, 0),
+        tables_(new float[kTables * kWidth]) {}
 
   // The table for prepared sigma s (finite, > 0), or nullptr; exp(-(d*d)/s)
-  // is at [kPad + 255 + d]. *reach is the largest |d| whose entry is not 0.
-  const float* find(float s, int* reach) {
+  // is at [kPad + 255 + d]. *reach is the largest |d| whose entry is not 0,
+  // *core the largest |d| whose entry is at least kTinyTerm (-1: none).
+  const float* find(float s, int* reach, int* core) {
     std::uint32_t key = 0;
     std::memcpy(&key, &s, sizeof key);
     std::uint32_t slot = (key * 0x9E3779B1u) >> (32 - 14);
@@ -296,17 +384,20 @@ class SigmaMemo {
       entry_[slot] = e;
       float* table = tables_.get() + static_cast<std::ptrdiff_t>(e) * kWidth;
       std::fill(table, table + kWidth, 0.f);
-      int last = -1;
+      int last = -1, normal = -1;
       for (int d = 0; d <= 255; ++d) {
         const float df = static_cast<float>(d);
         const float v = std::exp(-(df * df) / s);
         table[kPad + 255 + d] = v;
         table[kPad + 255 - d] = v;
         if (v != 0.f) last = d;
+        if (v >= kTinyTerm) normal = d;
       }
       reach_[e] = last;
+      core_[e] = normal;
     }
     *reach = reach_[e];
+    *core = core_[e];
     return tables_.get() + static_cast<std::ptrdiff_t>(e) * kWidth;
   }
 
@@ -314,6 +405,7 @@ class SigmaMemo {
   std::vector<std::uint32_t> keys_;  // 0: free (a positive sigma never has bits 0)
   std::vector<std::int32_t> entry_;  // table number, or -1 when seen once
   std::vector<int> reach_;
+  std::vector<int> core_;
   std::unique_ptr<float[]> tables_;
   std::uint32_t used_slots_ = 0;
   std::int32_t used_tables_ = 0;
@@ -374,28 +466,70 @@ constexpr float kZeroExponent = -104.0f;
 // bounding the bins that can hold mass.
 constexpr std::int64_t kShortRun = 32;
 
+// Adds w * T[k - m] into bins[k - first] for the bins k of [first, last]
+// within `reach` of m; T is a SigmaMemo table (w finite). Bins within `core`
+// of m take whole aligned groups of four with SSE (terms >= 2^-100 times a
+// moderate weight are normal). The others go one by one: a tail term is
+// below 2^20 * 2^-100 = 2^-80 in magnitude, so a bin of at least 2^-50
+// cannot move (its half ulp is at least 2^-75) and is left alone; a smaller
+// bin takes the term exactly.
+//
+// Without `avoid`, the whole run goes through SSE, widened to whole groups
+// of four from the start of `bins` so that successive components store and
+// reload the same 16-byte groups: the extra bins get w * 0 (the table is 0
+// beyond reach, and w is finite) or lie in the padding behind the
+// histogram, which is never read out.
+inline void addMemoRun(float* bins, std::int64_t first, std::int64_t last, float w, std::int64_t m,
+                       const float* table, int reach, int core, bool avoid) {
+  const std::int64_t lo = std::max(first, m - reach), hi = std::min(last, m + reach);
+  if (lo > hi) return;
+  const float* t = table + (SigmaMemo::kPad + 255 - m);  // t[k] = T[k - m]
+  if (!avoid) {
+    const std::int64_t from = (lo - first) & ~std::int64_t{3}, to = (hi - first) | 3;
+    addScaledGroups(bins + from, t + (first + from), w, (to - from + 1) / 4);
+    return;
+  }
+  const bool w_moderate = moderate(w);
+  std::int64_t g0 = hi + 1, g1 = hi + 1;  // [g0, g1): SSE groups
+  if (w_moderate && core >= 0) {
+    const std::int64_t clo = std::max(lo, m - core), chi = std::min(hi, m + core);
+    const std::int64_t a = first + ((clo - first + 3) & ~std::int64_t{3});
+    const std::int64_t b = first + ((chi - first + 1) & ~std::int64_t{3});
+    if (a < b) {
+      g0 = a;
+      g1 = b;
+    }
+  }
+  const auto one = [&](std::int64_t k) {
+    const float term = t[k];
+    float& x = bins[k - first];
+    if (w_moderate && term >= kTinyTerm) {
+      if (isSubnormal(x)) {
+        x = exactMulAdd(x, w, term);
+      } else {
+        x += w * term;
+      }
+    } else if ((bitsOf(x) & 0x7fffffffu) < kUnmovedBinBits || !w_moderate) {
+      x = exactMulAdd(x, w, term);
+    }
+  };
+  for (std::int64_t k = lo; k < std::min(g0, hi + 1); ++k) one(k);
+  if (g0 < g1) addScaledGroups(bins + (g0 - first), t + g0, w, (g1 - g0) / 4);
+  for (std::int64_t k = std::max(g1, lo); k <= hi; ++k) one(k);
+}
+
 // Adds weight * exp(-(z - mean)^2 / sigma) for z = k * step into bins[k -
 // first] for every bin k of [first, first + n) where the term can differ
 // from +-0.
 inline void addComponent(float* bins, std::int64_t first, std::int64_t n, float w, float mean, float sigma,
-                         float step, SigmaMemo* memo) {
+                         float step, SigmaMemo* memo, bool avoid) {
   const std::int64_t last = first + n - 1;
   if (memo != nullptr && mean >= 0.f && mean <= 255.f && mean == std::floor(mean) && std::isfinite(w) &&
       std::isfinite(sigma) && sigma > 0.f) {
     // Value axis, step 1, whole-number mean: z - mean = k - m exactly.
-    int reach = 0;
-    if (const float* table = memo->find(sigma, &reach)) {
-      const auto m = static_cast<std::int64_t>(mean);
-      const std::int64_t lo = std::max(first, m - reach), hi = std::min(last, m + reach);
-      if (lo > hi) return;
-      // Widened to whole groups of four bins from the start of `bins`, so
-      // that successive components store and reload the same 16-byte
-      // groups. The extra bins get w * 0 (the table is 0 beyond reach) or
-      // lie in the padding behind the histogram, which is never read out.
-      const std::int64_t from = (lo - first) & ~std::int64_t{3}, to = (hi - first) | 3;
-      float* out = bins + from;
-      const float* src = table + (first + from - m + 255 + SigmaMemo::kPad);
-      addScaledGroups(out, src, w, (to - from + 1) / 4);
+    int reach = 0, core = 0;
+    if (const float* table = memo->find(sigma, &reach, &core)) {
+      addMemoRun(bins, first, last, w, static_cast<std::int64_t>(mean), table, reach, core, avoid);
       return;
     }
   }
@@ -406,13 +540,33 @@ inline void addComponent(float* bins, std::int64_t first, std::int64_t n, float 
   std::int64_t lo = first, hi = last;
   if (n > kShortRun) termRange(w, mean, sigma, step, first, last, &lo, &hi);
   const bool weight_finite = std::isfinite(w);
+  const bool w_moderate = moderate(w);
   for (std::int64_t k = lo; k <= hi; ++k) {
     const float z = static_cast<float>(k) * step;
     const float d = z - mean;
     const float exponent = -(d * d) / sigma;
     if (exponent < kZeroExponent && weight_finite) continue;
-    bins[k - first] += w * std::exp(exponent);
+    if (avoid) {
+      addProduct(bins[k - first], w, std::exp(exponent), w_moderate);
+    } else {
+      bins[k - first] += w * std::exp(exponent);
+    }
   }
+}
+
+// Copies n finished bins to the table. The table is written once and not
+// read again while building, so whole 16-byte groups bypass the caches
+// (streaming stores), leaving them to the cells and the exp tables. The
+// thread that streams must fence before the region ends (see the fill pass).
+inline void streamOut(float* out, const float* src, std::int64_t n) {
+#if defined(__SSE2__)
+  std::int64_t k = 0;
+  for (; k < n && (reinterpret_cast<std::uintptr_t>(out + k) & 15u) != 0; ++k) out[k] = src[k];
+  for (; k + 4 <= n; k += 4) _mm_stream_ps(out + k, _mm_loadu_ps(src + k));
+  for (; k < n; ++k) out[k] = src[k];
+#else
+  std::copy(src, src + n, out);
+#endif
 }
 
 // Writes ln((v / S) * scale + floor) of each of the n bins to out; S is the
@@ -420,25 +574,71 @@ inline void addComponent(float* bins, std::int64_t first, std::int64_t n, float 
 // The arguments are formed in place in `bins` first (a loop the compiler can
 // vectorise; each element is still (v / S) * scale + floor in single
 // precision), then the logarithms are taken one by one.
-void normaliseInto(float* bins, std::int64_t n, float scale, float floor, float log_floor, float* out) {
+//
+// Subnormal bins (the far tails) are kept away from the FPU: once the sum
+// reaches 2^-100 a subnormal bin cannot change it, and before that it is
+// added exactly; and with a sum of at least 2^-60, any bin below 2^-100 has
+// v / S < 2^-40, so (v / S) * scale + floor rounds to floor itself (half an
+// ulp of 0.001f is 2^-34), exactly what a bin of 0 gives.
+void normaliseInto(float* bins, std::int64_t n, float scale, float floor, float log_floor, float* out,
+                   bool avoid) {
   float sum = 0.f;
-  for (std::int64_t k = 0; k < n; ++k) sum += bins[k];
+  for (std::int64_t k = 0; k < n; ++k) {
+    const float v = bins[k];
+    if (avoid && (isSubnormal(v) || isSubnormal(sum))) {
+      if (!(sum >= kTinyTerm)) sum = roundedFloat(exactDouble(sum) + exactDouble(v));
+    } else {
+      sum += v;
+    }
+  }
   if (sum == 0.f) {
     std::fill(out, out + n, log_floor);
     return;
   }
-  for (std::int64_t k = 0; k < n; ++k) bins[k] = (bins[k] / sum) * scale + floor;
+  if (sum >= 0x1p-60f) {
+    const std::uint32_t tiny_bits = bitsOf(kTinyTerm);
+    for (std::int64_t k = 0; k < n; ++k) {
+      const float v = (bitsOf(bins[k]) & 0x7fffffffu) < tiny_bits ? 0.f : bins[k];
+      bins[k] = (v / sum) * scale + floor;
+    }
+  } else {
+    for (std::int64_t k = 0; k < n; ++k) bins[k] = (bins[k] / sum) * scale + floor;
+  }
   std::uint32_t floor_bits = 0;
   std::memcpy(&floor_bits, &floor, sizeof floor_bits);
   for (std::int64_t k = 0; k < n; ++k) {
     const float arg = bins[k];
     std::uint32_t bits = 0;
     std::memcpy(&bits, &arg, sizeof bits);
-    out[k] = bits == floor_bits ? log_floor : std::log(arg);
+    bins[k] = bits == floor_bits ? log_floor : std::log(arg);
   }
+  streamOut(out, bins, n);
+}
+
+std::atomic<internal::SubnormalPath> g_subnormal_path{internal::SubnormalPath::kAuto};
+
+// Where subnormal arithmetic is slow: Intel cores take a microcode assist
+// for each subnormal operand or result; AMD's recent cores do not, and there
+// the checks would only cost time.
+bool avoidSubnormals() {
+  switch (g_subnormal_path.load(std::memory_order_relaxed)) {
+    case internal::SubnormalPath::kAvoid: return true;
+    case internal::SubnormalPath::kHardware: return false;
+    default: break;
+  }
+#if defined(__x86_64__) || defined(__i386__)
+  static const bool intel = __builtin_cpu_is("intel");
+  return intel;
+#else
+  return false;
+#endif
 }
 
 }  // namespace
+
+namespace internal {
+void setSubnormalPath(SubnormalPath path) { g_subnormal_path.store(path, std::memory_order_relaxed); }
+}  // namespace internal
 
 GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float value_step) const {
   GridMatrixTable table;
@@ -525,6 +725,7 @@ GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float 
   float* const height_out = table.height_table_.data();
   const float scale = table.prob_scale_, floor = table.prob_floor_;
   const float log_floor = std::log(floor);
+  const bool avoid = avoidSubnormals();
 
   // Fill pass: every histogram straight into its place.
 #pragma omp parallel num_threads(team)
@@ -551,16 +752,19 @@ GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float 
           for (int c = 0; c < 2; ++c) {
             if (r.value_n > 0)
               addComponent(vbins, r.value_first, r.value_n, cell.value_weight[c], cell.value_mean[c],
-                           cell.value_sigma[c], value_step, memo);
+                           cell.value_sigma[c], value_step, memo, avoid);
             if (r.height_n > 0)
               addComponent(hbins, r.height_first, r.height_n, cell.height_weight[c], cell.height_mean[c],
-                           cell.height_sigma[c], height_step, nullptr);
+                           cell.height_sigma[c], height_step, nullptr, avoid);
           }
         });
-        normaliseInto(vbins, r.value_n, scale, floor, log_floor, value_out + rec.value_offset);
-        normaliseInto(hbins, r.height_n, scale, floor, log_floor, height_out + rec.height_offset);
+        normaliseInto(vbins, r.value_n, scale, floor, log_floor, value_out + rec.value_offset, avoid);
+        normaliseInto(hbins, r.height_n, scale, floor, log_floor, height_out + rec.height_offset, avoid);
       }
     }
+#if defined(__SSE2__)
+    _mm_sfence();  // streamed stores visible before the join
+#endif
   }
   return table;
 }

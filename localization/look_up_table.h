@@ -106,4 +106,21 @@
 
 #include "localization/grid_matrix.h"
 
+namespace zorvane {
+namespace localization {
+namespace internal {
+
+// How the builder carries out arithmetic that may involve subnormal floats
+// (the far tails of the Gaussians). Every path gives the same bits; they
+// differ only in speed. kAuto, the default, avoids subnormal operands on
+// Intel cores, where each costs a microcode assist, and uses the hardware
+// directly elsewhere. The setting is process-wide; it exists so that tests
+// can run both paths on any machine. Not for use while a table is built.
+enum class SubnormalPath { kAuto, kAvoid, kHardware };
+void setSubnormalPath(SubnormalPath path);
+
+}  // namespace internal
+}  // namespace localization
+}  // namespace zorvane
+
 #endif  // ZORVANE_LOCALIZATION_LOOK_UP_TABLE_H_

@@ -34,6 +34,20 @@ std::uint32_t bits(float v) {
   return b;
 }
 
+using zorvane::localization::internal::SubnormalPath;
+using zorvane::localization::internal::setSubnormalPath;
+
+// Both ways of treating subnormal arithmetic must give the same bits; runs
+// fn(path name) once with each, then restores the default.
+template <class Fn>
+void forEachSubnormalPath(Fn&& fn) {
+  for (SubnormalPath path : {SubnormalPath::kAvoid, SubnormalPath::kHardware}) {
+    setSubnormalPath(path);
+    fn(path == SubnormalPath::kAvoid ? "avoiding subnormals" : "hardware subnormals");
+  }
+  setSubnormalPath(SubnormalPath::kAuto);
+}
+
 // Runs fn with the default OpenMP team set to `threads`.
 template <class Fn>
 auto withThreads(int threads, Fn&& fn) {
@@ -352,12 +366,16 @@ TEST(LookUpTableExact, RandomMatricesMatchThePlainBuilder) {
     const Case c = randomCase(seed);
     const GridMatrixTable plain =
         withThreads(2, [&] { return plainLookUpTable(c.matrix, c.factor, c.height_step, c.value_step); });
-    for (int threads : {1, 2, 3, 7}) {
-      const GridMatrixTable fast =
-          withThreads(threads, [&] { return c.matrix.getLookUpTable(c.factor, c.height_step, c.value_step); });
-      ASSERT_TRUE(sameTable(fast, plain)) << "seed " << seed << ", " << threads << " threads, factor "
-                                          << c.factor << ", steps " << c.height_step << "/" << c.value_step;
-    }
+    forEachSubnormalPath([&](const char* path) {
+      for (int threads : {1, 2, 3, 7}) {
+        const GridMatrixTable fast =
+            withThreads(threads, [&] { return c.matrix.getLookUpTable(c.factor, c.height_step, c.value_step); });
+        ASSERT_TRUE(sameTable(fast, plain)) << "seed " << seed << ", " << threads << " threads, factor "
+                                            << c.factor << ", steps " << c.height_step << "/" << c.value_step
+                                            << ", " << path;
+      }
+    });
+    if (HasFatalFailure()) return;
   }
 }
 
@@ -369,10 +387,15 @@ TEST(LookUpTableExact, SyntheticMapsMatchThePlainBuilder) {
     map.matrix.runPreCalc();
     for (int factor : {4, 3, 1}) {
       const GridMatrixTable plain = withThreads(2, [&] { return plainLookUpTable(map.matrix, factor, 0.15f, 1.0f); });
-      for (int threads : {1, 2, 3, 7}) {
-        const GridMatrixTable fast = withThreads(threads, [&] { return map.matrix.getLookUpTable(factor, 0.15f, 1.0f); });
-        ASSERT_TRUE(sameTable(fast, plain)) << "seed " << seed << ", factor " << factor << ", " << threads << " threads";
-      }
+      forEachSubnormalPath([&](const char* path) {
+        for (int threads : {1, 2, 3, 7}) {
+          const GridMatrixTable fast =
+              withThreads(threads, [&] { return map.matrix.getLookUpTable(factor, 0.15f, 1.0f); });
+          ASSERT_TRUE(sameTable(fast, plain))
+              << "seed " << seed << ", factor " << factor << ", " << threads << " threads, " << path;
+        }
+      });
+      if (HasFatalFailure()) return;
     }
   }
 }
@@ -433,11 +456,14 @@ TEST(LookUpTableEdges, NonFiniteCellsStayBoundedAndDefined) {
   MCell odd = preparedCell(40.f, inf, 2.f, nan);
   odd.value_weight[0] = inf;
   putCell(m, 3, 2, odd);
-  for (int threads : {1, 3}) {
-    const GridMatrixTable t = withThreads(threads, [&] { return m.getLookUpTable(2, 0.15f, 1.0f); });
-    EXPECT_TRUE(sameTable(t, plainLookUpTable(m, 2, 0.15f, 1.0f)));
-    for (const MCellCoarse& r : t.coarse_cells_) EXPECT_LE(r.height_bins, 65535);
-  }
+  const GridMatrixTable plain = plainLookUpTable(m, 2, 0.15f, 1.0f);
+  forEachSubnormalPath([&](const char* path) {
+    for (int threads : {1, 3}) {
+      const GridMatrixTable t = withThreads(threads, [&] { return m.getLookUpTable(2, 0.15f, 1.0f); });
+      EXPECT_TRUE(sameTable(t, plain)) << path;
+      for (const MCellCoarse& r : t.coarse_cells_) EXPECT_LE(r.height_bins, 65535);
+    }
+  });
   // The +inf cell alone: its range is [10000, INT32_MAX], clipped, and all
   // of its mass is 0, so the floor is stored.
   GridMatrix lone = emptyMatrix(1, 1, 0, 0);
@@ -461,10 +487,12 @@ TEST(LookUpTableEdges, ZeroSpreadsGiveNaNLikeThePlainArithmetic) {
   m.cells_.push_back(raw);
   m.index_[0] = 0;
   m.runPreCalc();
-  const GridMatrixTable t = m.getLookUpTable(1, 0.15f, 1.0f);
-  ASSERT_GT(t.value_table_.size(), 0u);
-  for (float v : t.value_table_) EXPECT_TRUE(std::isnan(v));
-  EXPECT_TRUE(sameTable(t, plainLookUpTable(m, 1, 0.15f, 1.0f)));
+  forEachSubnormalPath([&](const char* path) {
+    const GridMatrixTable t = m.getLookUpTable(1, 0.15f, 1.0f);
+    ASSERT_GT(t.value_table_.size(), 0u);
+    for (float v : t.value_table_) EXPECT_TRUE(std::isnan(v)) << path;
+    EXPECT_TRUE(sameTable(t, plainLookUpTable(m, 1, 0.15f, 1.0f))) << path;
+  });
 }
 
 TEST(LookUpTableEdges, ExtremeGeometryDoesNotOverflowOrAllocateWildly) {
@@ -544,10 +572,13 @@ TEST(LookUpTableEdges, BadStepsStayBounded) {
   putCell(m, 2, 1, preparedCell(61.f, 3.f, 2.f, 0.1f));
   const float nan = std::numeric_limits<float>::quiet_NaN();
   for (float step : {0.f, -0.15f, nan, std::numeric_limits<float>::infinity(), 1e-30f}) {
-    const GridMatrixTable t = m.getLookUpTable(3, step, step);
-    EXPECT_TRUE(sameTable(t, plainLookUpTable(m, 3, step, step))) << step;
-    EXPECT_LE(t.value_table_.size(), 256u);
-    EXPECT_LE(t.height_table_.size(), 65535u);
+    const GridMatrixTable plain = plainLookUpTable(m, 3, step, step);
+    forEachSubnormalPath([&](const char* path) {
+      const GridMatrixTable t = m.getLookUpTable(3, step, step);
+      EXPECT_TRUE(sameTable(t, plain)) << step << ", " << path;
+      EXPECT_LE(t.value_table_.size(), 256u);
+      EXPECT_LE(t.height_table_.size(), 65535u);
+    });
   }
 }
 
