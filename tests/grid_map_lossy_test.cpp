@@ -4,6 +4,7 @@
 #include "localization/grid_map_lossy.h"
 
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <cmath>
 #include <cstdint>
@@ -562,6 +563,63 @@ TEST(GridMapLossyRoundTripTest, SyntheticMapComesBackExactly) {
   GridMatrix expected = synthetic.matrix;
   expected.runPreCalc();
   EXPECT_TRUE(testing::sameMatrix(back.matrix(), expected));
+}
+
+// A map of several load chunks: the same matrix whatever the team size, and
+// the same through a subclass, which loads step by step (raw cells, then
+// runPreCalc) instead of decoding straight into prepared form.
+TEST(GridMapLossyRoundTripTest, LoadIsTheSameForAnyTeamAndForASubclass) {
+  tools::SyntheticMap synthetic = tools::makeSyntheticMap(300, 200, 5);
+  GridMapLossy map;
+  map.height_base_ = synthetic.height_base;
+  map.aux_value_base_ = synthetic.aux_value_base;
+  map.mutable_matrix() = synthetic.matrix;
+  ASSERT_GT(map.matrix().cells_.size(), 30000u);  // several chunks of 8192 records
+  const std::string path = tempMapPath("chunks.zvmap");
+  std::string out;
+  ASSERT_TRUE(saveCapturing(map, path, &out));
+  GridMatrix expected = synthetic.matrix;
+  expected.runPreCalc();
+
+  const int threads = omp_get_max_threads();
+  for (int team : {1, 2, 3, 7}) {
+    SCOPED_TRACE(team);
+    omp_set_num_threads(team);
+    GridMapLossy loaded;
+    EXPECT_TRUE(readCapturing(loaded, path, &out));
+    EXPECT_TRUE(testing::sameMatrix(loaded.matrix(), expected));
+    class StepByStep : public GridMapLossy {};
+    StepByStep sub;
+    EXPECT_TRUE(readCapturing(sub, path, &out));
+    EXPECT_TRUE(testing::sameMatrix(sub.matrix(), expected));
+  }
+  omp_set_num_threads(threads);
+}
+
+// Records naming one position twice, far apart in the file: the later one
+// wins, whichever thread decodes which.
+TEST(GridMapLossyCodecTest, DuplicateAcrossChunksLeavesTheLaterRecord) {
+  testing::HeaderFields h;
+  h.rows = 201;
+  h.cols = 100;
+  const std::uint32_t n = 20000;
+  h.body_size = 22 * (n + 1);
+  Bytes file = testing::headerBytes(h);
+  for (std::uint32_t p = 0; p < n; ++p) testing::appendRecord(&file, p);
+  testing::appendRecord(&file, 3);  // names position 3 again, 20000 records later
+  const std::string path = tempMapPath("late_duplicate.zvmap");
+  writeFileBytes(path, file);
+  const int threads = omp_get_max_threads();
+  for (int team : {1, 2, 4}) {
+    omp_set_num_threads(team);
+    GridMapLossy map;
+    std::string out;
+    ASSERT_TRUE(readCapturing(map, path, &out));
+    EXPECT_EQ(map.matrix().index_[3], static_cast<std::int32_t>(n)) << team;
+    EXPECT_EQ(map.matrix().index_[4], 4) << team;
+    EXPECT_EQ(map.matrix().index_[n], -1) << team;
+  }
+  omp_set_num_threads(threads);
 }
 
 }  // namespace
