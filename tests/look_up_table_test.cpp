@@ -331,7 +331,12 @@ Case randomCase(std::uint64_t seed) {
     if (chance(0.2)) return static_cast<float>(std::nearbyint((ground + uniform(-3, 3)) / c.height_step)) * c.height_step;
     return static_cast<float>(ground + uniform(-3, 3));
   };
-  const auto weight = [&]() -> float { return chance(0.05) ? 0.f : static_cast<float>(uniform(0, 1)); };
+  // Some weights so small that whole histograms live among subnormals.
+  const auto weight = [&]() -> float {
+    if (chance(0.05)) return 0.f;
+    if (chance(0.04)) return static_cast<float>(uniform(1e-45, 1e-36));
+    return static_cast<float>(uniform(0, 1));
+  };
 
   std::vector<int> positions;
   for (int p = 0; p < static_cast<int>(m.grid_size_); ++p) {
