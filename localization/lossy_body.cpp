@@ -8,8 +8,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <memory>
 #include <thread>
 #include <vector>
+
+#include "localization/parallel_split.h"
 
 
 namespace zorvane {
@@ -26,33 +29,87 @@ bool isLoadableGeometry(std::int32_t rows, std::int32_t cols, std::uint32_t grid
 }
 
 std::int64_t countBodyRecords(const GridMatrix& matrix) {
+  // One bit per cell, set by the position that names it. The positions are
+  // split by staticSplit and every thread marks its own bitmap; merging
+  // them, a bit set twice means a cell named twice. Whichever thread meets
+  // a violation, the answer is the same.
   const std::size_t cells = matrix.cells_.size();
-  std::vector<std::uint64_t> named((cells + 63) / 64, 0);
+  const std::size_t words = (cells + 63) / 64;
+  const std::int32_t* const index = matrix.index_.data();
+  const auto positions = static_cast<std::int64_t>(matrix.index_.size());
+  std::vector<std::vector<std::uint64_t>> named;
   std::int64_t count = 0;
-  for (const std::int32_t entry : matrix.index_) {
-    if (entry < 0) continue;
-    const auto c = static_cast<std::size_t>(entry);
-    if (c >= cells) return -1;
-    const std::uint64_t bit = std::uint64_t{1} << (c % 64);
-    if (named[c / 64] & bit) return -1;
-    named[c / 64] |= bit;
-    ++count;
+  bool valid = true;
+#pragma omp parallel reduction(+ : count) reduction(&& : valid)
+  {
+    const int thread = omp_get_thread_num();
+#pragma omp single
+    named.resize(static_cast<std::size_t>(omp_get_num_threads()));
+    std::vector<std::uint64_t>& mine = named[static_cast<std::size_t>(thread)];
+    mine.assign(words, 0);
+    const WorkRange range = staticSplit(positions, omp_get_num_threads(), thread);
+    for (std::int64_t p = range.begin; p < range.end; ++p) {
+      if (index[p] < 0) continue;
+      const auto c = static_cast<std::size_t>(index[p]);
+      if (c >= cells) {
+        valid = false;
+        break;
+      }
+      const std::uint64_t bit = std::uint64_t{1} << (c % 64);
+      if (mine[c / 64] & bit) {
+        valid = false;
+        break;
+      }
+      mine[c / 64] |= bit;
+      ++count;
+    }
   }
-  return count == static_cast<std::int64_t>(cells) ? count : -1;
+  if (!valid || count != static_cast<std::int64_t>(cells)) return -1;
+  // As many marks as cells, none beyond them: every cell is named exactly
+  // once unless two threads marked the same one.
+  for (std::size_t w = 0; w < words; ++w) {
+    std::uint64_t seen = 0;
+    for (const auto& bits : named) {
+      if (seen & bits[w]) return -1;
+      seen |= bits[w];
+    }
+  }
+  return count;
 }
 
 std::int64_t encodeBody(const GridMatrix& matrix, const CellScales& scales, char* dst) {
+  // The positions are split by staticSplit; each thread counts the records
+  // of its range, and after a barrier writes them behind those of the
+  // threads before it. The bytes do not depend on the team.
   const std::int32_t* const index = matrix.index_.data();
   const MCell* const cells = matrix.cells_.data();
-  const std::size_t positions = matrix.index_.size();
-  char* out = dst;
-  for (std::size_t p = 0; p < positions; ++p) {
-    const std::int32_t c = index[p];
-    if (c < 0) continue;
-    encodeCellRecord(out, static_cast<std::uint32_t>(p), cells[c], scales);
-    out += kRecordBytes;
+  const auto positions = static_cast<std::int64_t>(matrix.index_.size());
+  std::vector<std::int64_t> counts;
+  std::int64_t total = 0;
+#pragma omp parallel
+  {
+    const int threads = omp_get_num_threads();
+    const int thread = omp_get_thread_num();
+#pragma omp single
+    counts.assign(static_cast<std::size_t>(threads), 0);
+    const WorkRange range = staticSplit(positions, threads, thread);
+    std::int64_t mine = 0;
+    for (std::int64_t p = range.begin; p < range.end; ++p) mine += index[p] >= 0;
+    counts[static_cast<std::size_t>(thread)] = mine;
+#pragma omp barrier
+    std::int64_t before = 0;
+    for (int t = 0; t < thread; ++t) before += counts[static_cast<std::size_t>(t)];
+    char* out = dst + before * kRecordBytes;
+    for (std::int64_t p = range.begin; p < range.end; ++p) {
+      const std::int32_t c = index[p];
+      if (c < 0) continue;
+      encodeCellRecord(out, static_cast<std::uint32_t>(p), cells[c], scales);
+      out += kRecordBytes;
+    }
+#pragma omp single nowait
+    for (const std::int64_t n : counts) total += n;
   }
-  return out - dst;
+  return total * kRecordBytes;
 }
 
 namespace {

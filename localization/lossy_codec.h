@@ -23,7 +23,6 @@
 #ifndef ZORVANE_LOCALIZATION_LOSSY_CODEC_H_
 #define ZORVANE_LOCALIZATION_LOSSY_CODEC_H_
 
-#include <cmath>
 #include <cstdint>
 
 #include "localization/grid_matrix.h"
@@ -81,7 +80,10 @@ constexpr std::uint64_t kMaxGridPositions = std::uint64_t{1} << 30;
 inline std::uint16_t quantizeStepQuotient(float quotient) {
   if (!(quotient > 0.0f)) return 0;  // negatives, -0, +0 and NaN
   if (quotient >= 65535.0f) return 65535;
-  return static_cast<std::uint16_t>(std::round(quotient));
+  // round() for a positive quotient, without a library call: q + 0.5 is
+  // exact in double precision (a float has 24 significant bits), and
+  // truncating it rounds halves away from zero.
+  return static_cast<std::uint16_t>(static_cast<std::int32_t>(static_cast<double>(quotient) + 0.5));
 }
 
 inline std::uint16_t encodeStep(float value, float step) {

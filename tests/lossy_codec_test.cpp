@@ -4,8 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <random>
 #include <limits>
 #include <vector>
 
@@ -93,6 +96,30 @@ TEST(StepRuleTest, RoundsHalvesAwayFromZeroAndSaturates) {
   EXPECT_EQ(encodeStep(1.5f, 0.01f), 150);
   EXPECT_EQ(encodeStep(0.123f, 0.01f), 12);
   EXPECT_EQ(encodeStep(0.05f, 0.01f), 5);
+}
+
+TEST(StepRuleTest, QuotientRoundingMatchesRoundHalfAwayFromZero) {
+  auto expected = [](float q) -> int {
+    if (!(q > 0.0f)) return 0;
+    return static_cast<int>(std::min(65535.0f, std::round(q)));
+  };
+  // Around every half, where rounding decides, and at random elsewhere.
+  for (int k = 0; k < 65536; ++k) {
+    const float half = static_cast<float>(k) + 0.5f;
+    for (float q : {std::nextafter(half, 0.0f), half, std::nextafter(half, 1e9f)}) {
+      ASSERT_EQ(quantizeStepQuotient(q), expected(q)) << q;
+    }
+  }
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<float> any(-10.0f, 70000.0f);
+  std::uniform_real_distribution<float> small(0.0f, 2.0f);
+  for (int i = 0; i < 200000; ++i) {
+    const float a = any(rng), b = small(rng);
+    ASSERT_EQ(quantizeStepQuotient(a), expected(a)) << a;
+    ASSERT_EQ(quantizeStepQuotient(b), expected(b)) << b;
+  }
+  EXPECT_EQ(quantizeStepQuotient(0.49999997f), 0);
+  EXPECT_EQ(quantizeStepQuotient(std::numeric_limits<float>::denorm_min()), 0);
 }
 
 TEST(StepRuleTest, OriginIsSubtractedThenDivided) {
