@@ -349,40 +349,35 @@ class SigmaMemo {
   // so that a run widened to whole groups of four bins stays inside.
   static constexpr int kPad = 4;
   static constexpr int kWidth = 511 + 2 * kPad;
-  static constexpr std::uint32_t kSlots = 1u << 14;
-  static constexpr std::int32_t kTables = 4096;
+  static constexpr int kSlotBits = 13;
+  static constexpr std::uint32_t kSlots = 1u << kSlotBits;
+  static constexpr std::int32_t kTables = kSlots / 2;
 
-  SigmaMemo()
-      : keys_(kSlots, 0u),
-        entry_(kSlots, -1),
-        reach_(kTables, 0),
-        core_(kTables, 0),
-        tables_(new float[kTables * kWidth]) {}
+  SigmaMemo() : slots_(kSlots), tables_(new float[static_cast<std::size_t>(kTables) * kWidth]) {}
 
   // The table for prepared sigma s (finite, > 0), or nullptr; exp(-(d*d)/s)
   // is at [kPad + 255 + d]. *reach is the largest |d| whose entry is not 0,
   // *core the largest |d| whose entry is at least kTinyTerm (-1: none).
   const float* find(float s, int* reach, int* core) {
-    std::uint32_t key = 0;
-    std::memcpy(&key, &s, sizeof key);
-    std::uint32_t slot = (key * 0x9E3779B1u) >> (32 - 14);
-    while (keys_[slot] != key) {
-      if (keys_[slot] == 0u) {
+    const std::uint32_t key = bitsOf(s);
+    std::uint32_t index = (key * 0x9E3779B1u) >> (32 - kSlotBits);
+    Slot* slot = &slots_[index];
+    while (slot->key != key) {
+      if (slot->key == 0u) {
         // First sight: remember it, unless the slots are half full.
         if (used_slots_ < kSlots / 2) {
-          keys_[slot] = key;
+          slot->key = key;
           ++used_slots_;
         }
         return nullptr;
       }
-      slot = (slot + 1) & (kSlots - 1);
+      index = (index + 1) & (kSlots - 1);
+      slot = &slots_[index];
     }
-    std::int32_t e = entry_[slot];
-    if (e < 0) {
+    if (slot->table < 0) {
       if (used_tables_ == kTables) return nullptr;
-      e = used_tables_++;
-      entry_[slot] = e;
-      float* table = tables_.get() + static_cast<std::ptrdiff_t>(e) * kWidth;
+      slot->table = used_tables_++;
+      float* table = tables_.get() + static_cast<std::ptrdiff_t>(slot->table) * kWidth;
       std::fill(table, table + kWidth, 0.f);
       int last = -1, normal = -1;
       for (int d = 0; d <= 255; ++d) {
@@ -393,19 +388,23 @@ class SigmaMemo {
         if (v != 0.f) last = d;
         if (v >= kTinyTerm) normal = d;
       }
-      reach_[e] = last;
-      core_[e] = normal;
+      slot->reach = static_cast<std::int16_t>(last);
+      slot->core = static_cast<std::int16_t>(normal);
     }
-    *reach = reach_[e];
-    *core = core_[e];
-    return tables_.get() + static_cast<std::ptrdiff_t>(e) * kWidth;
+    *reach = slot->reach;
+    *core = slot->core;
+    return tables_.get() + static_cast<std::ptrdiff_t>(slot->table) * kWidth;
   }
 
  private:
-  std::vector<std::uint32_t> keys_;  // 0: free (a positive sigma never has bits 0)
-  std::vector<std::int32_t> entry_;  // table number, or -1 when seen once
-  std::vector<int> reach_;
-  std::vector<int> core_;
+  // One lookup touches one 16-byte slot.
+  struct alignas(16) Slot {
+    std::uint32_t key = 0;    // sigma bits; 0: free (a positive sigma never has bits 0)
+    std::int32_t table = -1;  // table number, or -1 while seen once
+    std::int16_t reach = 0;
+    std::int16_t core = 0;
+  };
+  std::vector<Slot> slots_;
   std::unique_ptr<float[]> tables_;
   std::uint32_t used_slots_ = 0;
   std::int32_t used_tables_ = 0;
