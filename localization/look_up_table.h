@@ -44,8 +44,10 @@
 // order from 0; each bin v becomes log((v / S) * prob_scale_ + prob_floor_).
 //
 // Assembly. Records in flat coarse order; value_bins / height_bins = n,
-// value_first / height_first = low 16 bits of the first bin index (declared
-// int16_t: a negative height index reads back as itself, -3 is 0xFFFD), each
+// value_first / height_first = low 16 bits of the first bin index as the
+// algorithm's f32 histogram element holds it (exact below 2^24 in
+// magnitude; declared int16_t, so a negative height index reads back as
+// itself, -3 is 0xFFFD), each
 // offset = the running sum of the earlier records' counts on that axis; an
 // empty histogram stores count 0, first 0 and the running offset.
 //
@@ -97,10 +99,13 @@
 //   and payload are not part of the result (the compiler may order the
 //   operands of a NaN-producing operation either way); every other bit is.
 //
-// Threads: the block pass is one OpenMP parallel region with the default
-// team, coarse columns split by staticSplit (parallel_split.h), each thread
-// taking rows from 0 upwards. The result is identical, bit for bit, for any
-// number of threads.
+// Threads: the block pass runs in OpenMP parallel regions with the default
+// team (a range pass that sizes every histogram, then a fill pass that
+// writes them into place; large tables are also faulted in by the team),
+// each splitting the coarse columns by staticSplit (parallel_split.h), each
+// thread taking rows from 0 upwards. All regions have joined before the
+// call returns. The result is identical, bit for bit, for any number of
+// threads.
 #ifndef ZORVANE_LOCALIZATION_LOOK_UP_TABLE_H_
 #define ZORVANE_LOCALIZATION_LOOK_UP_TABLE_H_
 
