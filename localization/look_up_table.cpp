@@ -74,8 +74,10 @@ inline std::int32_t roundToBin(float v) {
   return t + static_cast<std::int32_t>(rest >= 0.5f) - static_cast<std::int32_t>(rest <= -0.5f);
 }
 
-// The low 16 bits of a histogram's first bin as its f32 element holds it
-// (exact for |first| < 2^24).
+// The low 16 bits of a histogram's first bin, taken through f32 as the
+// stated packing does. (First bins are rounded f32 values, the sentinels or
+// INT32_MIN, all exactly representable, so the round trip never changes
+// them.)
 std::int16_t firstField(std::int64_t first) {
   const auto held = static_cast<std::int64_t>(static_cast<float>(first));
   return static_cast<std::int16_t>(static_cast<std::uint16_t>(static_cast<std::uint64_t>(held) & 0xFFFFu));

@@ -44,10 +44,9 @@
 // order from 0; each bin v becomes log((v / S) * prob_scale_ + prob_floor_).
 //
 // Assembly. Records in flat coarse order; value_bins / height_bins = n,
-// value_first / height_first = low 16 bits of the first bin index as the
-// algorithm's f32 histogram element holds it (exact below 2^24 in
-// magnitude; declared int16_t, so a negative height index reads back as
-// itself, -3 is 0xFFFD), each
+// value_first / height_first = low 16 bits of the first bin index
+// (declared int16_t, so a negative height index reads back as itself, -3 is
+// 0xFFFD), each
 // offset = the running sum of the earlier records' counts on that axis; an
 // empty histogram stores count 0, first 0 and the running offset.
 //

@@ -434,6 +434,17 @@ TEST(LookUpTableEdges, WideHeightRangesAreClippedTo65535Bins) {
   EXPECT_EQ(ft.coarse_cells_[0].height_first, 10000);
   EXPECT_EQ(ft.coarse_cells_[0].height_bins, 65535);
   EXPECT_TRUE(sameTable(ft, plainLookUpTable(far, 1, 0.15f, 1.0f)));
+
+  // Far below: the range runs from the cell's bin (beyond 2^24 in
+  // magnitude) up to the -10000 sentinel and keeps its first 65535 bins;
+  // the record holds the low 16 bits of the first one.
+  GridMatrix deep = emptyMatrix(1, 1, 0, 0);
+  putCell(deep, 0, 0, preparedCell(10.f, 4.f, -2600000.5f, 0.f));
+  const GridMatrixTable dt = deep.getLookUpTable(1, 0.15f, 1.0f);
+  const auto first = static_cast<std::int64_t>(std::round(-2600000.5f / 0.15f));
+  EXPECT_EQ(dt.coarse_cells_[0].height_first, static_cast<std::int16_t>(first & 0xFFFF));
+  EXPECT_EQ(dt.coarse_cells_[0].height_bins, 65535);
+  EXPECT_TRUE(sameTable(dt, plainLookUpTable(deep, 1, 0.15f, 1.0f)));
 }
 
 TEST(LookUpTableEdges, AllMassUnderflowingStoresTheFloor) {
