@@ -173,10 +173,30 @@ void BM_PreCalcOnly(benchmark::State& state) {
 
 // --- A plain loader: the same file through a zero-filled std::vector
 // buffer, decoded into freshly grown standard vectors (4 KiB pages, one
-// construction pass, then the decode). No pre-calculation. ---
+// construction pass, then the decode), with or without preparing the
+// cells afterwards. ---
 
+// Raw -> prepared for a plain cell array, as GridMatrix::runPreCalc does it.
+void plainPrepare(std::vector<MCell>& cells) {
+  const auto n = static_cast<std::int64_t>(cells.size());
+#pragma omp parallel for schedule(static)
+  for (std::int64_t i = 0; i < n; ++i) {
+    MCell& c = cells[static_cast<std::size_t>(i)];
+    float* sigma[4] = {&c.value_sigma[0], &c.value_sigma[1], &c.height_sigma[0], &c.height_sigma[1]};
+    float* weight[4] = {&c.value_weight[0], &c.value_weight[1], &c.height_weight[0], &c.height_weight[1]};
+    for (int k = 0; k < 4; ++k) {
+      const float s = *sigma[k];
+      *weight[k] = *weight[k] / s;
+      *sigma[k] = s * (s + s);
+    }
+  }
+}
+
+// Argument 1: 0 for the load alone, 1 for the load and then the
+// preparation of the cells, which is what ReadFromFile does.
 void BM_PlainLoader(benchmark::State& state) {
   const MapFile& f = mapFile(static_cast<int>(state.range(0)));
+  const bool prepare = state.range(1) != 0;
   localization::lossy::CellScales scales{};
   for (auto _ : state) {
     std::vector<std::int32_t> index;
@@ -202,6 +222,7 @@ void BM_PlainLoader(benchmark::State& state) {
         localization::lossy::decodeCellRecord(record, scales, &cells[i]);
       }
     }
+    if (prepare) plainPrepare(cells);
     benchmark::DoNotOptimize(cells.data());
     benchmark::DoNotOptimize(index.data());
     state.PauseTiming();
@@ -271,7 +292,16 @@ void sizes(benchmark::internal::Benchmark* b) {
 
 BENCHMARK(BM_Floor)->Apply(sizes);
 BENCHMARK(BM_ReadFromFile)->Apply(sizes);
-BENCHMARK(BM_PlainLoader)->Apply(sizes);
+BENCHMARK(BM_PlainLoader)
+    ->ArgNames({"side", "prepare"})
+    ->Args({2000, 0})
+    ->Args({2000, 1})
+    ->Args({5000, 0})
+    ->Args({5000, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MinTime(0.5)
+    ->ComputeStatistics("min", minimum);
 BENCHMARK(BM_ReadFileOnly)->Apply(sizes);
 BENCHMARK(BM_DecodeOnly)->Apply(sizes);
 BENCHMARK(BM_PreCalcOnly)->Apply(sizes);
