@@ -57,10 +57,6 @@ TEST(MCellTest, ConstructionZeroesEveryByte) {
   new (storage) MCell();
   const unsigned char zeros[sizeof(MCell)] = {};
   EXPECT_EQ(0, std::memcmp(storage, zeros, sizeof storage));
-
-  MapVector<MCell> cells(3);
-  EXPECT_EQ(reinterpret_cast<const char*>(&cells[2]) - reinterpret_cast<const char*>(&cells[0]),
-            128);
 }
 
 TEST(GridMatrixTest, DefaultsOfMatrixTableAndCoarseRecord) {
@@ -113,14 +109,6 @@ TEST(GridMatrixTest, ManualInitSetsGeometryOnlyAndWrapsTheProduct) {
   EXPECT_EQ(m.grid_size_, 0xffffffffu);
   m.manualInit(0.15f, 7, 0, 0, 0);
   EXPECT_EQ(m.grid_size_, 0u);
-}
-
-TEST(GridMatrixTest, ManualInitDispatchesThroughTheBase) {
-  GridMatrixTable t;
-  GridMatrixBase& base = t;
-  base.manualInit(0.6f, 3, 2, 1, -1);
-  EXPECT_EQ(t.grid_size_, 6u);
-  EXPECT_EQ(t.offset_y_, -1);
 }
 
 TEST(GridMatrixTest, TablesMoveTheirArraysInsteadOfCopyingThem) {
