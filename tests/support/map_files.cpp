@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <cstring>
 #include <fstream>
 #include <iterator>
 
@@ -11,22 +10,18 @@
 namespace zorvane {
 namespace testing {
 
-using localization::GridMapLossy;
-using localization::GridMatrix;
-using localization::MCell;
+using namespace localization;
 
 std::string tempMapPath(const std::string& name) {
   const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
-  std::string test = info != nullptr ? std::string(info->test_suite_name()) + "." + info->name() : "none";
-  for (char& c : test) {
-    if (c == '/') c = '_';
-  }
+  std::string test = info ? std::string(info->test_suite_name()) + "." + info->name() : "none";
+  for (char& c : test) c = c == '/' ? '_' : c;
   return ::testing::TempDir() + "zv_" + std::to_string(getpid()) + "_" + test + "_" + name;
 }
 
 void writeFileBytes(const std::string& path, const Bytes& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary | std::ios::trunc)
+      .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
 Bytes readFileBytes(const std::string& path) {
@@ -36,21 +31,15 @@ Bytes readFileBytes(const std::string& path) {
 
 bool fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-Bytes hexBytes(const std::string& hex) {
-  Bytes out;
-  std::string pair;
-  for (char c : hex) {
-    if (c == ' ' || c == '\n') continue;
-    pair += c;
-    if (pair.size() == 2) {
-      out.push_back(static_cast<char>(std::stoi(pair, nullptr, 16)));
-      pair.clear();
-    }
-  }
-  return out;
-}
-
 std::string redLine(const std::string& text) { return "\033[31m" + text + "\033[0m\n"; }
+
+MCell exampleCell() {
+  const float fields[13] = {1.5f, 2.0f,   20.f, 100.6f, 3.f, 1.f, 0.05f,
+                            0.123f, -2.0f, 0.5f, 1.f,    1.f, 1.25f};
+  MCell c;
+  std::memcpy(&c, fields, sizeof fields);
+  return c;
+}
 
 void fillExampleMap(GridMapLossy* map) {
   map->header_tag_ = 1;
@@ -61,88 +50,56 @@ void fillExampleMap(GridMapLossy* map) {
   map->reference_[2] = 0.0;
   GridMatrix& m = map->mutable_matrix();
   m.manualInit(0.15f, 3, 2, -1, 4);
-  MCell c;
-  c.value_sigma[0] = 1.5f;
-  c.value_sigma[1] = 2.0f;
-  c.value_mean[0] = 20.f;
-  c.value_mean[1] = 100.6f;
-  c.value_weight[0] = 3.f;
-  c.value_weight[1] = 1.f;
-  c.height_sigma[0] = 0.05f;
-  c.height_sigma[1] = 0.123f;
-  c.height_mean[0] = -2.0f;
-  c.height_mean[1] = 0.5f;
-  c.height_weight[0] = 1.f;
-  c.height_weight[1] = 1.f;
-  c.aux_value = 1.25f;
-  m.cells_.assign(1, c);
-  m.index_.assign(6, -1);
-  m.index_[4] = 0;
+  m.cells_.assign(1, exampleCell());
+  m.index_.assign({-1, -1, -1, -1, 0, -1});
 }
 
 Bytes exampleFileBytes() {
-  return hexBytes(
-      "7a 76 6d 61 70  01 00 00 00  00 00 20 c0  00 00 00 00"
-      "00 00 00 00 00 00 59 40  00 00 00 00 00 00 69 40  00 00 00 00 00 00 00 00"
-      "16 00 00 00  02 00 00 00  03 00 00 00  04 00 00 00  ff ff ff ff"
-      "04 00 00 00  7d 00  14 65  96 00 c8 00  bf  32 00 2c 01  05 00 0c 00  80");
+  const char* hex =
+      "7a766d6170 01000000 000020c0 00000000"
+      "0000000000005940 0000000000006940 0000000000000000"
+      "16000000 02000000 03000000 04000000 ffffffff"
+      "04000000 7d00 1465 9600c800 bf 32002c01 05000c00 80";
+  Bytes out;
+  for (const char* p = hex; *p;) {
+    if (*p == ' ') { ++p; continue; }
+    out.push_back(static_cast<char>(std::stoi(std::string(p, 2), nullptr, 16)));
+    p += 2;
+  }
+  return out;
 }
 
 Bytes headerBytes(const HeaderFields& h) {
-  using namespace localization::internal;
-  Bytes b(localization::lossy::kHeaderBytes, 0);
+  using namespace internal;
+  Bytes b(lossy::kHeaderBytes, 0);
   std::memcpy(b.data(), "zvmap", 5);
   encodeFixed32(&b[5], h.tag);
   encodeFloat32(&b[9], h.height_base);
   encodeFloat32(&b[13], h.aux_value_base);
   for (int k = 0; k < 3; ++k) encodeFloat64(&b[17 + 8 * k], h.reference[k]);
   encodeFixed32(&b[41], h.body_size);
-  encodeInt32(&b[45], h.rows);
-  encodeInt32(&b[49], h.cols);
-  encodeInt32(&b[53], h.offset_y);
-  encodeInt32(&b[57], h.offset_x);
+  const std::int32_t geometry[4] = {h.rows, h.cols, h.offset_y, h.offset_x};
+  for (int k = 0; k < 4; ++k) encodeInt32(&b[45 + 4 * k], geometry[k]);
   return b;
 }
 
 void appendRecord(Bytes* file, std::uint32_t position, unsigned char fill) {
   const std::size_t at = file->size();
-  file->resize(at + localization::lossy::kRecordBytes, static_cast<char>(fill));
-  localization::internal::encodeFixed32(&(*file)[at], position);
-}
-
-bool readCapturing(GridMapLossy& map, const std::string& path, std::string* out) {
-  ::testing::internal::CaptureStdout();
-  const bool ok = map.ReadFromFile(path);
-  *out = ::testing::internal::GetCapturedStdout();
-  return ok;
-}
-
-bool saveCapturing(GridMapLossy& map, const std::string& path, std::string* out) {
-  ::testing::internal::CaptureStdout();
-  const bool ok = map.saveToFile(path);
-  *out = ::testing::internal::GetCapturedStdout();
-  return ok;
+  file->resize(at + lossy::kRecordBytes, static_cast<char>(fill));
+  internal::encodeFixed32(&(*file)[at], position);
 }
 
 ::testing::AssertionResult sameMatrix(const GridMatrix& a, const GridMatrix& b) {
-  std::uint32_t ra, rb;
-  std::memcpy(&ra, &a.resolution_, 4);
-  std::memcpy(&rb, &b.resolution_, 4);
-  if (ra != rb || a.grid_size_ != b.grid_size_ || a.cols_ != b.cols_ || a.rows_ != b.rows_ ||
-      a.offset_x_ != b.offset_x_ || a.offset_y_ != b.offset_y_) {
-    return ::testing::AssertionFailure() << "geometry differs";
+  if (bits(a.resolution_) != bits(b.resolution_) || a.grid_size_ != b.grid_size_ ||
+      a.cols_ != b.cols_ || a.rows_ != b.rows_ || a.offset_x_ != b.offset_x_ ||
+      a.offset_y_ != b.offset_y_ || a.precalculated_ != b.precalculated_) {
+    return ::testing::AssertionFailure() << "geometry or flag differs";
   }
-  if (a.precalculated_ != b.precalculated_) return ::testing::AssertionFailure() << "flag differs";
-  if (a.index_.size() != b.index_.size() ||
-      !std::equal(a.index_.begin(), a.index_.end(), b.index_.begin())) {
+  if (!std::equal(a.index_.begin(), a.index_.end(), b.index_.begin(), b.index_.end())) {
     return ::testing::AssertionFailure() << "index differs";
   }
-  if (a.cells_.size() != b.cells_.size()) {
-    return ::testing::AssertionFailure()
-           << "cell count " << a.cells_.size() << " vs " << b.cells_.size();
-  }
+  if (a.cells_.size() != b.cells_.size()) return ::testing::AssertionFailure() << "cell count";
   for (std::size_t i = 0; i < a.cells_.size(); ++i) {
-    // The thirteen floats; the padding is not part of a cell's value.
     if (std::memcmp(&a.cells_[i], &b.cells_[i], offsetof(MCell, unused_)) != 0) {
       return ::testing::AssertionFailure() << "cell " << i << " differs";
     }
