@@ -6,6 +6,7 @@
 #include <yaml-cpp/yaml.h>
 
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -28,100 +29,69 @@ class RenamedComponent : public NamedComponent {
   std::string name() override { return "Renamed"; }
 };
 
-TEST(CommonBase, FreshComponentHasDefaultNameAndIsNotInitialised) {
+TEST(CommonBase, DefaultsAndPresentValuesReadSilentlyWithTheirOwnConversion) {
   CommonBase base;
   EXPECT_EQ(base.name(), "zv_common_default");
   EXPECT_FALSE(base.isInitialized());
-  NamedComponent named;
-  EXPECT_EQ(named.name(), "NamedComponent");
-}
-
-TEST(CommonBaseYamlRead, PresentScalarIsReadAsParsedTextWithoutOutput) {
   const YAML::Node node = YAML::Load(
-      "path: /maps/a b.gridmap\n"
-      "number: 007\n"
-      "flag: true\n"
-      "quoted: '  padded  '\n"
-      "Case: MiXeD\n");
+      "path: /maps/a b.gridmap\nnumber: 007\nflag: true\nquoted: '  padded  '\nCase: MiXeD\n"
+      "count: 12\nratio: 0.25\n");
   NamedComponent c;
   CaptureStdout();
-  std::string path, number, flag, quoted, mixed;
-  EXPECT_TRUE(c.yamlRead(node, "path", path));
-  EXPECT_TRUE(c.yamlRead(node, "number", number));
-  EXPECT_TRUE(c.yamlRead(node, "flag", flag));
-  EXPECT_TRUE(c.yamlRead(node, "quoted", quoted));
-  EXPECT_TRUE(c.yamlRead(node, "Case", mixed));
+  for (const auto& [key, text] : {std::pair<const char*, const char*>{"path", "/maps/a b.gridmap"},
+                                  {"number", "007"},
+                                  {"flag", "true"},
+                                  {"quoted", "  padded  "},
+                                  {"Case", "MiXeD"}}) {
+    std::string value;
+    EXPECT_TRUE(c.yamlRead(node, key, value));
+    EXPECT_EQ(value, text);
+  }
+  int count = 0;
+  double ratio = 0;
+  EXPECT_TRUE(c.yamlRead(node, "count", count) && c.yamlRead(node, "ratio", ratio));
+  EXPECT_EQ(std::make_pair(count, ratio), std::make_pair(12, 0.25));
   EXPECT_EQ(GetCapturedStdout(), "");
-  EXPECT_EQ(path, "/maps/a b.gridmap");
-  EXPECT_EQ(number, "007");
-  EXPECT_EQ(flag, "true");
-  EXPECT_EQ(quoted, "  padded  ");
-  EXPECT_EQ(mixed, "MiXeD");
 }
 
 TEST(CommonBaseYamlRead, AbsentEmptyOrNullWarnsOnceAndKeepsTarget) {
   const YAML::Node node = YAML::Load("empty:\ntilde: ~\nnull_word: null\nother: x\n");
+  const std::pair<YAML::Node, const char*> cases[] = {
+      {node, "missing"},        {node, "empty"},           {node, "tilde"},
+      {node, "null_word"},      {node, "Other"},           {YAML::Node(), "type"},
+      {YAML::Load("~"), "type"}, {YAML::Load("[a, b]"), "type"},
+      {YAML::Node(YAML::NodeType::Undefined), "type"},
+  };
   NamedComponent c;
-  for (const char* key : {"missing", "empty", "tilde", "null_word", "Other"}) {
+  for (const auto& [n, key] : cases) {
     SCOPED_TRACE(key);
     std::string value = "unchanged";
     CaptureStdout();
-    EXPECT_FALSE(c.yamlRead(node, key, value));
+    EXPECT_FALSE(c.yamlRead(n, key, value));
     EXPECT_EQ(GetCapturedStdout(), warning("NamedComponent", key));
     EXPECT_EQ(value, "unchanged");
   }
-}
-
-TEST(CommonBaseYamlRead, WarningNamesTheComponentThroughVirtualName) {
-  RenamedComponent c;
   std::string value;
   CaptureStdout();
-  EXPECT_FALSE(c.yamlRead(YAML::Load("a: 1"), "grid_map", value));
+  EXPECT_FALSE(RenamedComponent().yamlRead(node, "grid_map", value));
   EXPECT_EQ(GetCapturedStdout(), warning("Renamed", "grid_map"));
-}
-
-TEST(CommonBaseYamlRead, NodesWithoutKeysWarnForEveryKey) {
-  NamedComponent c;
-  const YAML::Node nodes[] = {YAML::Node(), YAML::Load("~"), YAML::Load("[a, b]"),
-                              YAML::Node(YAML::NodeType::Undefined)};
-  for (const YAML::Node& node : nodes) {
-    std::string value = "unchanged";
-    CaptureStdout();
-    EXPECT_FALSE(c.yamlRead(node, "type", value));
-    EXPECT_EQ(GetCapturedStdout(), warning("NamedComponent", "type"));
-    EXPECT_EQ(value, "unchanged");
-  }
 }
 
 TEST(CommonBaseYamlRead, YamlExceptionsPassThroughWithTargetUntouched) {
   NamedComponent c;
   std::string value = "unchanged";
+  int number = 3;
   const YAML::Node map = YAML::Load("list: [1, 2]\nmapping: {a: 1}\nscalar: x\n");
-
+  const YAML::Node invalid = map["absent"];  // const lookup of an absent key
   CaptureStdout();
   EXPECT_THROW(c.yamlRead(map, "list", value), YAML::TypedBadConversion<std::string>);
   EXPECT_THROW(c.yamlRead(map, "mapping", value), YAML::TypedBadConversion<std::string>);
-  // A scalar cannot be subscripted by a key.
   EXPECT_THROW(c.yamlRead(map["scalar"], "key", value), YAML::BadSubscript);
-  // The const lookup of an absent key yields an invalid node.
-  const YAML::Node invalid = map["absent"];
   EXPECT_THROW(c.yamlRead(invalid["absent"], "key", value), YAML::InvalidNode);
+  EXPECT_THROW(c.yamlRead(map, "scalar", number), YAML::TypedBadConversion<int>);
   EXPECT_EQ(GetCapturedStdout(), "");
   EXPECT_EQ(value, "unchanged");
-}
-
-TEST(CommonBaseYamlRead, OtherTypesUseTheirOwnConversion) {
-  NamedComponent c;
-  const YAML::Node node = YAML::Load("count: 12\nratio: 0.25\nword: twelve\n");
-  int count = 0;
-  double ratio = 0;
-  EXPECT_TRUE(c.yamlRead(node, "count", count));
-  EXPECT_TRUE(c.yamlRead(node, "ratio", ratio));
-  EXPECT_EQ(count, 12);
-  EXPECT_EQ(ratio, 0.25);
-  int untouched = 3;
-  EXPECT_THROW(c.yamlRead(node, "word", untouched), YAML::TypedBadConversion<int>);
-  EXPECT_EQ(untouched, 3);
+  EXPECT_EQ(number, 3);
 }
 
 }  // namespace
