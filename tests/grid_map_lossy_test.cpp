@@ -72,9 +72,9 @@ TEST(GridMapLossyGoldenTest, DecodesTheExampleToTheDocumentedValues) {
   Bytes file = exampleFileBytes();
   GridMapLossy map;
   ASSERT_TRUE(decode(map, file, 22));
-  EXPECT_EQ((std::vector<double>{map.header_tag_, map.height_base_, map.aux_value_base_,
-                                  map.reference_[0], map.reference_[1], map.reference_[2],
-                                  map.body_size_}),
+  EXPECT_EQ((std::vector<double>{static_cast<double>(map.header_tag_), map.height_base_,
+                                  map.aux_value_base_, map.reference_[0], map.reference_[1],
+                                  map.reference_[2], static_cast<double>(map.body_size_)}),
             (std::vector<double>{1, -2.5, 0, 100, 200, 0, 22}));
   const GridMatrix& m = map.matrix();
   EXPECT_EQ((Index{m.rows_, m.cols_, m.offset_y_, m.offset_x_, int(m.grid_size_)}),

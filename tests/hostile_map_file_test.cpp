@@ -173,7 +173,10 @@ TEST_P(HostileMapFileTest, GivesTheDecidedResultOutputAndState) {
     EXPECT_EQ(m.cells_.size(), hc.after >= After::kRaw ? map.body_size_ / 22 : 0u);
     const std::size_t positions = hc.after == After::kHeaderOnly ? 0 : m.grid_size_;
     EXPECT_EQ(m.index_.size(), positions);
-    if (hc.after == After::kEmptyIndex) EXPECT_EQ(std::count(m.index_.begin(), m.index_.end(), -1), positions);
+    if (hc.after == After::kEmptyIndex) {
+      EXPECT_EQ(static_cast<std::size_t>(std::count(m.index_.begin(), m.index_.end(), -1)),
+                positions);
+    }
   }
   EXPECT_EQ(fuzzChecks(hc.file), "");
 }

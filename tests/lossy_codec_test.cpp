@@ -77,7 +77,9 @@ TEST(StepRuleTest, SubtractsTheOriginRoundsHalvesAwayAndSaturates) {
   };
   for (const Case& c : cases) {
     EXPECT_EQ(encodeStep(c.value, c.origin, c.step), c.stored) << c.value << " - " << c.origin;
-    if (c.origin == 0) EXPECT_EQ(encodeStep(c.value, c.step), c.stored) << c.value;
+    if (c.origin == 0) {
+      EXPECT_EQ(encodeStep(c.value, c.step), c.stored) << c.value;
+    }
   }
   EXPECT_EQ(decodeStep(0, kInf, 0.01f), kInf);
   EXPECT_EQ(bits(decodeStep(65535, 0.01f)), bits(655.3499755859375f));
