@@ -34,10 +34,20 @@ bool fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 
 std::string redLine(const std::string& text) { return "\033[31m" + text + "\033[0m\n"; }
 
 MCell exampleCell() {
-  const float fields[13] = {1.5f, 2.0f,   20.f, 100.6f, 3.f, 1.f, 0.05f,
-                            0.123f, -2.0f, 0.5f, 1.f,    1.f, 1.25f};
   MCell c;
-  std::memcpy(&c, fields, sizeof fields);
+  c.value_sigma[0] = 1.5f;
+  c.value_sigma[1] = 2.0f;
+  c.value_mean[0] = 20.f;
+  c.value_mean[1] = 100.6f;
+  c.value_weight[0] = 3.f;
+  c.value_weight[1] = 1.f;
+  c.height_sigma[0] = 0.05f;
+  c.height_sigma[1] = 0.123f;
+  c.height_mean[0] = -2.0f;
+  c.height_mean[1] = 0.5f;
+  c.height_weight[0] = 1.f;
+  c.height_weight[1] = 1.f;
+  c.aux_value = 1.25f;
   return c;
 }
 
