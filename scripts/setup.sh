@@ -3,7 +3,7 @@
 # everything is already there. Every command of the README goes through it.
 set -euo pipefail
 
-packages=(g++ cmake ninja-build libyaml-cpp-dev libgtest-dev libbenchmark-dev clang libomp-dev)
+packages=(g++ cmake ninja-build pkg-config libyaml-cpp-dev libgtest-dev libgmock-dev libbenchmark-dev clang libomp-dev libclang-rt-14-dev libcli11-dev libpng-dev pybind11-dev python3-dev python3-numpy python3-pytest)
 
 missing=()
 for p in "${packages[@]}"; do
