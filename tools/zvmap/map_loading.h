@@ -8,35 +8,21 @@
 #include <string>
 
 #include "localization/grid_map_lossy.h"
+#include "localization/map_load_status.h"
 
 namespace zorvane {
 namespace tools {
 namespace zvmap {
 
-// Why a load failed, in the order the loader checks.
-enum class MapLoadStatus {
-  kOk,
-  kCannotRead,             // missing, a directory, a pipe, a device, unreadable
-  kNotAMapFile,            // no "zvmap" magic
-  kSizeMismatch,           // file length differs from header plus body
-  kDimensionsOutOfRange,   // a geometry the loader refuses
-  kPositionOutOfRange,     // a record names a position beyond the grid
-  kNoCells,                // the header declares no whole record
-};
-
-struct MapLoadResult {
-  MapLoadStatus status = MapLoadStatus::kOk;
-  bool partial_record = false;  // body size field not a multiple of 22
-  bool ok() const { return status == MapLoadStatus::kOk; }
-};
-
-// A short lower-case reason, e.g. "not a readable regular file".
-const char* describeLoadStatus(MapLoadStatus status);
+using localization::describeLoadStatus;
+using localization::MapLoadResult;
+using localization::MapLoadStatus;
 
 // Loads the map file at `path` into `*map` as the map server does, printing
 // nothing. With `prepare` false the cells stay raw, as the file stores them
 // (precalculated_ false). On failure the map holds what the loader leaves
-// (see GridMapLossy::ReadFromFile): never cells read past the file's end.
+// (GridMapLossy::load): the header values as read, never cells read past
+// the file's end.
 MapLoadResult loadMap(const std::string& path, bool prepare, localization::GridMapLossy* map);
 
 // loadMap, and on failure the message "zvmap: <path>: <reason>" on
@@ -45,8 +31,9 @@ MapLoadResult loadMap(const std::string& path, bool prepare, localization::GridM
 bool loadOrFail(const std::string& path, bool prepare, localization::GridMapLossy* map,
                 MapLoadResult* result = nullptr);
 
-// The reason of a failed load in full: describeLoadStatus and, where the
-// header was read, the numbers behind it.
+// The reason of a failed load in full: describeLoadStatus and the numbers
+// behind it (what kind of file it is, the file's length and what the
+// header declares).
 std::string explainLoadFailure(const std::string& path, const MapLoadResult& result,
                                const localization::GridMapLossy& map);
 

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "localization/grid_map_lossy.h"
-#include "localization/lossy_codec.h"
-#include "tools/mapgen/synthetic_map.h"
+#include "localization/lossy_format.h"
+#include "tests/support/synthetic_map.h"
 #include "tools/zvmap/commands.h"
 #include "tools/zvmap/console.h"
 #include "tools/zvmap/map_loading.h"
@@ -29,10 +29,10 @@ int runSynth(const SynthOptions& options) {
                                     " positions, each of which may hold a cell)");
   }
   const auto start = std::chrono::steady_clock::now();
-  SyntheticMap synthetic;
+  testing::SyntheticMap synthetic;
   {
     Progress progress("synth: building " + std::to_string(positions) + " positions", 0);
-    synthetic = makeSyntheticMap(static_cast<int>(options.cols), static_cast<int>(options.rows), options.seed);
+    synthetic = testing::makeSyntheticMap(static_cast<int>(options.cols), static_cast<int>(options.rows), options.seed);
   }
   localization::GridMapLossy map;
   map.height_base_ = synthetic.height_base;
