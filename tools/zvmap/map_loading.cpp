@@ -47,15 +47,20 @@ std::string lastLine(const std::string& text) {
   return line;
 }
 
+std::string lowerFirst(std::string text) {
+  if (!text.empty() && text[0] >= 'A' && text[0] <= 'Z') text[0] = static_cast<char>(text[0] - 'A' + 'a');
+  return text;
+}
+
 // What kind of thing a path that cannot be read names.
 std::string whyUnreadable(const std::string& path) {
   struct stat st;
-  if (::stat(path.c_str(), &st) != 0) return std::strerror(errno);
-  if (S_ISDIR(st.st_mode)) return "a directory";
-  if (S_ISFIFO(st.st_mode)) return "a pipe";
-  if (S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode)) return "a device";
-  if (S_ISSOCK(st.st_mode)) return "a socket";
-  if (::access(path.c_str(), R_OK) != 0) return std::strerror(errno);
+  if (::stat(path.c_str(), &st) != 0) return lowerFirst(std::strerror(errno));
+  if (S_ISDIR(st.st_mode)) return "is a directory";
+  if (S_ISFIFO(st.st_mode)) return "not a regular file (a pipe)";
+  if (S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode)) return "not a regular file (a device)";
+  if (S_ISSOCK(st.st_mode)) return "not a regular file (a socket)";
+  if (::access(path.c_str(), R_OK) != 0) return lowerFirst(std::strerror(errno));
   return "";
 }
 
@@ -73,8 +78,9 @@ std::string explainLoadFailure(const std::string& path, const MapLoadResult& res
                                std::to_string(lossy::kHeaderBytes + records * lossy::kRecordBytes) + " bytes";
   switch (result.status) {
     case MapLoadStatus::kCannotRead: {
+      // The library's reason lists the possibilities; the path tells which.
       const std::string why = whyUnreadable(path);
-      if (!why.empty()) reason += ": " + why;
+      if (!why.empty()) reason = "cannot read the file: " + why;
       break;
     }
     case MapLoadStatus::kFileTooLarge:
@@ -109,7 +115,7 @@ std::string saveMap(GridMapLossy& map, const std::string& path) {
   const int open_errno = errno;
   const std::string reason = lastLine(muted.text());
   if (reason.rfind("GridMapLossy saveToFile: Cannot create file", 0) == 0) {
-    return open_errno != 0 ? std::string("cannot create the file: ") + std::strerror(open_errno)
+    return open_errno != 0 ? "cannot create the file: " + lowerFirst(std::strerror(open_errno))
                            : std::string("cannot create the file");
   }
   if (reason == "GridMapLossy saveToFile: body size: 0") return "the map holds no cells";

@@ -34,6 +34,12 @@ int runSynth(const SynthOptions& options) {
     Progress progress("synth: building " + std::to_string(positions) + " positions", 0);
     synthetic = testing::makeSyntheticMap(static_cast<int>(options.cols), static_cast<int>(options.rows), options.seed);
   }
+  if (synthetic.matrix.cells_.empty()) {
+    // Small scenes can fall wholly inside a building, where nothing is
+    // observed; a map file needs at least one cell.
+    return fail(options.output, "the synthetic scene of this size and seed has no occupied positions; "
+                                "choose another seed or a larger grid");
+  }
   localization::GridMapLossy map;
   map.height_base_ = synthetic.height_base;
   map.aux_value_base_ = synthetic.aux_value_base;
