@@ -101,7 +101,11 @@ std::string explainLoadFailure(const std::string& path, const MapLoadResult& res
 }
 
 bool loadOrFail(const std::string& path, bool prepare, GridMapLossy* map, MapLoadResult* result) {
-  const MapLoadResult r = loadMap(path, prepare, map);
+  MapLoadResult r;
+  {
+    Progress progress("loading " + path, 0);
+    r = loadMap(path, prepare, map);
+  }
   if (result != nullptr) *result = r;
   if (r.ok()) return true;
   fail(path, explainLoadFailure(path, r, *map));

@@ -72,10 +72,7 @@ std::string compareTables(const GridMatrixTable& fast, const GridMatrixTable& pl
 int runTable(const TableOptions& options) {
   if (options.threads > 0) omp_set_num_threads(options.threads);
   localization::GridMapLossy map;
-  {
-    Progress progress("table: loading", 0);
-    if (!loadOrFail(options.map, /*prepare=*/true, &map)) return kExitFailed;
-  }
+  if (!loadOrFail(options.map, /*prepare=*/true, &map)) return kExitFailed;
   const localization::GridMatrix& m = map.matrix();
   const auto start = std::chrono::steady_clock::now();
   GridMatrixTable table;
