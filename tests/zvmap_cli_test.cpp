@@ -1,0 +1,504 @@
+// The zvmap command-line tool, run as a user runs it: the executable built
+// into bin/, its output, exit statuses and files, on the bundled map, on
+// hand-made and hostile files, and on bad arguments.
+#ifdef ZVMAP_EXECUTABLE
+
+#include <png.h>
+#include <sys/stat.h>
+#include <dirent.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "localization/grid_map_lossy.h"
+#include "tests/support/map_bytes.h"
+#include "tests/support/map_files.h"
+
+namespace zorvane {
+namespace testing {
+namespace {
+
+using localization::GridMapLossy;
+using localization::MCell;
+
+struct ToolRun {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string quoted(const std::string& arg) {
+  std::string q = "'";
+  for (const char c : arg) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return q + "'";
+}
+
+std::string readText(const std::string& path) {
+  const Bytes bytes = readFileBytes(path);
+  return std::string(bytes.begin(), bytes.end());
+}
+
+// Runs zvmap with `args`, standard input from /dev/null, standard output
+// and error captured (so neither is a terminal). A run that takes more than
+// a minute is killed and reports status 124.
+ToolRun zvmap(const std::vector<std::string>& args) {
+  const std::string out = tempMapPath("stdout"), err = tempMapPath("stderr");
+  std::string command = "timeout 60 " + quoted(ZVMAP_EXECUTABLE);
+  for (const std::string& a : args) command += " " + quoted(a);
+  command += " </dev/null >" + quoted(out) + " 2>" + quoted(err);
+  const int raw = std::system(command.c_str());
+  ToolRun run;
+  run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  run.out = readText(out);
+  run.err = readText(err);
+  return run;
+}
+
+bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+int countLines(const std::string& text) { return static_cast<int>(std::count(text.begin(), text.end(), '\n')); }
+
+// The map of these tests: the bundled map where the examples built it,
+// otherwise the same synthetic scene made by the tool.
+const std::string& mapPath() {
+  static const std::string path = [] {
+    struct stat st;
+    if (::stat(ZV_BUNDLED_MAP, &st) == 0) return std::string(ZV_BUNDLED_MAP);
+    const std::string made = ::testing::TempDir() + "zvmap_cli_" + std::to_string(getpid()) + ".gridmap";
+    zvmap({"synth", "-o", made, "--cols", "500", "--rows", "500", "--seed", "20"});
+    return made;
+  }();
+  return path;
+}
+
+GridMapLossy loadRaw(const std::string& path) {
+  GridMapLossy map;
+  EXPECT_TRUE(map.load(path, /*prepare=*/false).ok()) << path;
+  return map;
+}
+
+const MCell* cellAt(const GridMapLossy& map, int x, int y) {
+  const auto& m = map.matrix();
+  const std::int32_t c = m.index_[static_cast<std::size_t>(y) * m.cols_ + x];
+  return c < 0 ? nullptr : &m.cells_[static_cast<std::size_t>(c)];
+}
+
+struct Image {
+  std::uint32_t width = 0, height = 0;
+  std::vector<std::uint8_t> rgba;
+  const std::uint8_t* pixel(std::uint32_t x, std::uint32_t y) const { return &rgba[(std::size_t{y} * width + x) * 4]; }
+};
+
+Image readPng(const std::string& path) {
+  Image image;
+  png_image png{};
+  png.version = PNG_IMAGE_VERSION;
+  if (!png_image_begin_read_from_file(&png, path.c_str())) return image;
+  png.format = PNG_FORMAT_RGBA;
+  image.rgba.resize(PNG_IMAGE_SIZE(png));
+  if (png_image_finish_read(&png, nullptr, image.rgba.data(), 0, nullptr)) {
+    image.width = png.width;
+    image.height = png.height;
+  }
+  return image;
+}
+
+// One failure: exit status 1, nothing on standard output unless the
+// command reports, exactly one line on standard error naming the file.
+void expectOneLineFailure(const ToolRun& run, const std::string& file, const std::string& reason) {
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(countLines(run.err), 1) << run.err;
+  EXPECT_EQ(run.err.rfind("zvmap: " + file + ": ", 0), 0u) << run.err;
+  EXPECT_TRUE(contains(run.err, reason)) << run.err << " lacks " << reason;
+}
+
+TEST(ZvmapCliTest, HelpAndVersionForEverySubcommand) {
+  const ToolRun top = zvmap({"--help"});
+  EXPECT_EQ(top.status, 0);
+  for (const char* sub : {"info", "check", "render", "synth", "table", "diff"}) {
+    EXPECT_TRUE(contains(top.out, sub)) << sub;
+    const ToolRun help = zvmap({sub, "--help"});
+    EXPECT_EQ(help.status, 0) << sub;
+    EXPECT_TRUE(contains(help.out, "Exit status")) << sub << ":\n" << help.out;
+    EXPECT_EQ(help.err, "") << sub;
+  }
+  EXPECT_TRUE(contains(zvmap({"render", "--help"}).out, "north up"));
+  const ToolRun version = zvmap({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_TRUE(std::regex_match(version.out, std::regex("zvmap [0-9]+\\.[0-9]+\\.[0-9]+\n"))) << version.out;
+}
+
+TEST(ZvmapCliTest, BadArgumentsAreUsageErrors) {
+  const std::string map = mapPath(), png = tempMapPath("unused.png"), out = tempMapPath("unused.gridmap");
+  const std::vector<std::vector<std::string>> cases = {
+      {},
+      {"frobnicate"},
+      {"info"},
+      {"info", map, "extra"},
+      {"info", map, "--jsn"},
+      {"check", map, "--level", "0"},
+      {"render", map, "-o", png},
+      {"render", map, "-o", png, "--layer", "colour"},
+      {"render", map, "--layer", "height"},
+      {"synth", "-o", out, "--cols", "abc", "--rows", "10"},
+      {"synth", "-o", out, "--cols", "0", "--rows", "10"},
+      {"synth", "--cols", "10", "--rows", "10"},
+      {"table", map, "--threads", "0"},
+      {"table", map, "--level", "-4"},
+      {"diff", map},
+      {"diff", map, map, "--tolerance", "loose"},
+  };
+  for (const auto& args : cases) {
+    std::string shown;
+    for (const auto& a : args) shown += " " + a;
+    const ToolRun run = zvmap(args);
+    EXPECT_EQ(run.status, 2) << shown;
+    EXPECT_EQ(run.out, "") << shown;
+    EXPECT_EQ(countLines(run.err), 1) << shown << ":\n" << run.err;
+    EXPECT_EQ(run.err.rfind("zvmap", 0), 0u) << shown << ":\n" << run.err;
+  }
+  EXPECT_FALSE(fileExists(png));
+  EXPECT_FALSE(fileExists(out));
+}
+
+TEST(ZvmapCliTest, HostileFilesFailWithOneLineInEverySubcommand) {
+  const Bytes good = readFileBytes(mapPath());
+  ASSERT_GT(good.size(), 1000u);
+  const std::string dir = tempMapPath("dir"), fifo = tempMapPath("fifo"), missing = tempMapPath("missing");
+  ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0);
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);  // nobody writes: a reader would wait forever
+  struct Hostile {
+    std::string name;
+    Bytes bytes;
+    std::string reason;
+  };
+  Bytes appended = good;
+  appended.push_back('x');
+  const std::vector<Hostile> files = {
+      {"empty", {}, "not a zvmap file"},
+      {"text", Bytes(200, 'a'), "not a zvmap file"},
+      {"header_cut", Bytes(good.begin(), good.begin() + 40), "truncated inside the 61-byte header (40 bytes)"},
+      {"body_cut", Bytes(good.begin(), good.end() - 5), "truncated"},
+      {"appended", appended, "file length differs"},
+  };
+  std::vector<std::pair<std::string, std::string>> paths = {
+      {dir, "cannot read the file: is a directory"},
+      {fifo, "cannot read the file: not a regular file (a pipe)"},
+      {"/dev/zero", "cannot read the file: not a regular file (a device)"},
+      {missing, "cannot read the file: no such file or directory"}};
+  for (const Hostile& h : files) {
+    paths.emplace_back(tempMapPath(h.name), h.reason);
+    writeFileBytes(paths.back().first, h.bytes);
+  }
+  const std::string png = tempMapPath("hostile.png");
+  for (const auto& [path, reason] : paths) {
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"info", path}, {"info", path, "--json"}, {"check", path}, {"table", path},
+          {"render", path, "-o", png, "--layer", "height"}, {"diff", mapPath(), path}, {"diff", path, mapPath()}}) {
+      const ToolRun run = zvmap(args);
+      SCOPED_TRACE(args[0] + " " + path);
+      expectOneLineFailure(run, path, reason);
+      if (args[0] != "check") {
+        EXPECT_EQ(run.out, "");
+      }
+    }
+  }
+  EXPECT_FALSE(fileExists(png));
+}
+
+TEST(ZvmapCliTest, InfoReportsTheStoredMap) {
+  const std::string map = mapPath();
+  const GridMapLossy loaded = loadRaw(map);
+  const auto& m = loaded.matrix();
+  const std::string cells = std::to_string(m.cells_.size());
+  float lo = 1e30f, hi = -1e30f;
+  for (const MCell& c : m.cells_) {
+    lo = std::min(lo, c.height_sigma[1]);
+    hi = std::max(hi, c.height_sigma[1]);
+  }
+
+  const ToolRun text = zvmap({"info", map});
+  EXPECT_EQ(text.status, 0);
+  EXPECT_EQ(text.err, "");
+  EXPECT_TRUE(contains(text.out, "geometry        500 cols x 500 rows = 250000 positions, offset x " +
+                                     std::to_string(m.offset_x_) + " y " + std::to_string(m.offset_y_) + "\n"))
+      << text.out;
+  EXPECT_TRUE(contains(text.out, "cells           " + cells + " (body " + std::to_string(22 * m.cells_.size())))
+      << text.out;
+  EXPECT_TRUE(contains(text.out, "file size       " + std::to_string(readFileBytes(map).size()) + " bytes"));
+  EXPECT_TRUE(contains(text.out, "  value_mean[0]     5               200 ")) << text.out;
+
+  const ToolRun json = zvmap({"info", map, "--json"});
+  EXPECT_EQ(json.status, 0);
+  ASSERT_EQ(countLines(json.out), 1);
+  EXPECT_EQ(json.out.front(), '{');
+  EXPECT_EQ(json.out.substr(json.out.size() - 2), "}\n");
+  EXPECT_TRUE(contains(json.out, "\"cells\":" + cells + ",")) << json.out;
+  EXPECT_TRUE(contains(json.out, "\"geometry\":{\"cols\":500,\"rows\":500,\"positions\":250000,")) << json.out;
+  EXPECT_TRUE(contains(json.out, "\"value_mean[0]\":{\"min\":5,\"max\":200,")) << json.out;
+  std::ostringstream sigma;
+  sigma << "\"height_sigma[1]\":{\"min\":" << lo << ",\"max\":" << hi << ",";
+  EXPECT_TRUE(contains(json.out, sigma.str())) << sigma.str() << " in " << json.out;
+}
+
+// Hand-made maps on a 3 x 2 grid with finite origins.
+std::string writeMap(const std::string& name, const std::vector<std::pair<std::uint32_t, unsigned char>>& records,
+                     float height_base = -4.0f) {
+  HeaderFields h;
+  h.height_base = height_base;
+  h.body_size = static_cast<std::uint32_t>(22 * records.size());
+  Bytes file = headerBytes(h);
+  for (const auto& [position, fill] : records) appendRecord(&file, position, fill);
+  const std::string path = tempMapPath(name);
+  writeFileBytes(path, file);
+  return path;
+}
+
+TEST(ZvmapCliTest, CheckFindsWhatTheLoaderAccepts) {
+  const ToolRun bundled = zvmap({"check", mapPath()});
+  EXPECT_EQ(bundled.status, 0) << bundled.out;
+  EXPECT_EQ(bundled.err, "");
+  EXPECT_TRUE(contains(bundled.out, "result: 0 errors, 0 warnings\n")) << bundled.out;
+
+  struct Case {
+    std::string name;
+    std::vector<std::pair<std::uint32_t, unsigned char>> records;
+    float height_base;
+    int status;
+    std::vector<std::string> lines;
+  };
+  const float inf = std::numeric_limits<float>::infinity();
+  const std::vector<Case> cases = {
+      // Fill 0x01: sigmas of 2.57, a table of modest histograms.
+      {"sound", {{0, 0x01}, {4, 0x01}}, -4.0f, 0,
+       {"  ok       records in increasing position order, each position named once\n",
+        "result: 0 errors, 0 warnings\n"}},
+      {"twice", {{4, 0x01}, {1, 0x01}, {4, 0x01}}, -4.0f, 0,
+       {"  warning  1 record names a position named by a later record", "result: 0 errors, 1 warning\n"}},
+      {"unordered", {{4, 0x01}, {1, 0x01}}, -4.0f, 0,
+       {"  warning  records are not in increasing position order (1 position follow", "result: 0 errors, 1 warning\n"}},
+      {"zero_spread", {{1, 0x01}, {2, 0x00}}, -4.0f, 1,
+       {"  error    1 cell has a spread below 0.005 (runPreCheckSmall would raise it); zero spreads: "
+        "value_sigma[0] 1, value_sigma[1] 1, height_sigma[0] 1, height_sigma[1] 1"}},
+      // Sigmas of 655.35 stretch a height histogram over millions of bins.
+      {"wide", {{0, 0xff}}, -4.0f, 1, {"1 block needs more than 65535 height bins and would be clipped"}},
+      {"no_origin", {{0, 0x11}}, inf, 1, {"  error    height origin is inf"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = writeMap(c.name, c.records, c.height_base);
+    const ToolRun run = zvmap({"check", path});
+    EXPECT_EQ(run.status, c.status) << run.out;
+    for (const std::string& line : c.lines) EXPECT_TRUE(contains(run.out, line)) << line << " in\n" << run.out;
+    if (c.status == 0) {
+      EXPECT_EQ(run.err, "");
+    } else {
+      expectOneLineFailure(run, path, "found (see the report)");
+    }
+  }
+}
+
+// check sizes the table from the cells; table builds it: the numbers agree.
+TEST(ZvmapCliTest, CheckSizesTheTableThatTableBuilds) {
+  const std::string map = mapPath();
+  for (const char* level : {"4", "3"}) {
+    const ToolRun check = zvmap({"check", map, "--level", level});
+    const ToolRun table = zvmap({"table", map, "--level", level});
+    ASSERT_EQ(check.status, 0) << check.out;
+    ASSERT_EQ(table.status, 0) << table.out;
+    std::smatch c, t;
+    ASSERT_TRUE(std::regex_search(check.out, c,
+                                  std::regex("table: ([0-9]+) x ([0-9]+) coarse positions, ([0-9]+) value bins "
+                                             "\\(largest ([0-9]+)\\), ([0-9]+) height bins \\(largest ([0-9]+)\\)")))
+        << check.out;
+    ASSERT_TRUE(std::regex_search(table.out, t,
+                                  std::regex("coarse grid +([0-9]+) x ([0-9]+) =[^]*value bins +([0-9]+) \\(largest "
+                                             "([0-9]+)[^]*height bins +([0-9]+) \\(largest ([0-9]+)")))
+        << table.out;
+    for (int k = 1; k <= 6; ++k) EXPECT_EQ(c[k], t[k]) << "level " << level << " field " << k;
+  }
+}
+
+TEST(ZvmapCliTest, TableMatchesThePlainEvaluationOnAnyThreadCount) {
+  const std::string map = tempMapPath("small.gridmap");
+  ASSERT_EQ(zvmap({"synth", "-o", map, "--cols", "130", "--rows", "97", "--seed", "3"}).status, 0);
+  std::string sizes;
+  for (const char* threads : {"1", "3"}) {
+    const ToolRun run = zvmap({"table", map, "--threads", threads, "--check-plain"});
+    EXPECT_EQ(run.status, 0) << run.out << run.err;
+    EXPECT_TRUE(contains(run.out, "plain check     every bit matches")) << run.out;
+    EXPECT_TRUE(contains(run.out, std::string(" s on ") + threads + " threads\n")) << run.out;
+    const std::string table = run.out.substr(run.out.find("coarse grid"), run.out.find("build time") -
+                                                                              run.out.find("coarse grid"));
+    if (sizes.empty()) sizes = table;
+    EXPECT_EQ(table, sizes);
+  }
+}
+
+TEST(ZvmapCliTest, RenderDrawsEachLayerNorthUp) {
+  const std::string map = mapPath();
+  const GridMapLossy loaded = loadRaw(map);
+  const auto& m = loaded.matrix();
+  // A position that holds a cell, one that does not, and the extremes of
+  // the height mixture mean.
+  int ox = -1, oy = -1, ex = -1, ey = -1, lx = 0, ly = 0, hx = 0, hy = 0;
+  float lo = 1e30f, hi = -1e30f;
+  std::int64_t occupied = 0;
+  for (int y = 0; y < m.rows_; ++y) {
+    for (int x = 0; x < m.cols_; ++x) {
+      const MCell* c = cellAt(loaded, x, y);
+      if (c == nullptr) {
+        if (ex < 0 && y > 10) ex = x, ey = y;
+        continue;
+      }
+      ++occupied;
+      if (ox < 0 && y > 20 && x > 30) ox = x, oy = y;
+      const float h = c->height_weight[0] * c->height_mean[0] + c->height_weight[1] * c->height_mean[1];
+      if (h < lo) lo = h, lx = x, ly = y;
+      if (h > hi) hi = h, hx = x, hy = y;
+    }
+  }
+  ASSERT_GE(ox, 0);
+  ASSERT_GE(ex, 0);
+  const auto flip = [&](int y) { return static_cast<std::uint32_t>(m.rows_ - 1 - y); };
+
+  const std::string png = tempMapPath("layer.png");
+  for (const char* layer : {"value", "height", "occupancy"}) {
+    SCOPED_TRACE(layer);
+    const ToolRun run = zvmap({"render", map, "-o", png, "--layer", layer});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(countLines(run.out), 1);
+    EXPECT_TRUE(contains(run.out, "500 x 500 px, north up")) << run.out;
+    const Image image = readPng(png);
+    ASSERT_EQ(image.width, 500u);
+    ASSERT_EQ(image.height, 500u);
+    EXPECT_EQ(image.pixel(ex, flip(ey))[3], 0);  // empty: transparent
+    EXPECT_EQ(image.pixel(ox, flip(oy))[3], 255);
+    std::int64_t opaque = 0;
+    for (std::size_t p = 3; p < image.rgba.size(); p += 4) opaque += image.rgba[p] == 255;
+    EXPECT_EQ(opaque, occupied);
+    if (std::string(layer) == "value") {
+      const MCell* c = cellAt(loaded, ox, oy);
+      const float v = c->value_weight[0] * c->value_mean[0] + c->value_weight[1] * c->value_mean[1];
+      const std::uint8_t* p = image.pixel(ox, flip(oy));
+      EXPECT_EQ(p[0], std::lround(v));
+      EXPECT_EQ(p[1], p[0]);
+      EXPECT_EQ(p[2], p[0]);
+    } else if (std::string(layer) == "height") {
+      const std::uint8_t* low = image.pixel(lx, flip(ly));
+      const std::uint8_t* high = image.pixel(hx, flip(hy));
+      EXPECT_EQ(std::vector<int>(low, low + 4), (std::vector<int>{0x44, 0x01, 0x54, 255}));   // viridis 0
+      EXPECT_EQ(std::vector<int>(high, high + 4), (std::vector<int>{0xfd, 0xe7, 0x25, 255}));  // viridis 1
+    }
+  }
+
+  const ToolRun bins = zvmap({"render", map, "-o", png, "--layer", "bins", "--level", "5"});
+  ASSERT_EQ(bins.status, 0) << bins.err;
+  EXPECT_TRUE(contains(bins.out, "level-5 table")) << bins.out;
+  const Image coarse = readPng(png);
+  EXPECT_EQ(coarse.width, static_cast<std::uint32_t>(std::ceil(500 / 5.0f)));
+  EXPECT_EQ(coarse.height, coarse.width);
+}
+
+TEST(ZvmapCliTest, RenderFailureLeavesNoPicture) {
+  const std::string dir = tempMapPath("pictures");
+  ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0);
+  const std::string missing_dir = dir + "/no/such/place.png";
+  expectOneLineFailure(zvmap({"render", mapPath(), "-o", missing_dir, "--layer", "value"}), missing_dir,
+                       "cannot create the image");
+  expectOneLineFailure(zvmap({"render", mapPath(), "-o", dir, "--layer", "value"}), dir, "cannot write the image");
+  // Nothing left behind: no temporary image beside either destination.
+  DIR* temp = ::opendir(::testing::TempDir().c_str());
+  ASSERT_NE(temp, nullptr);
+  const std::string stem = dir.substr(dir.rfind('/') + 1);
+  for (dirent* entry; (entry = ::readdir(temp)) != nullptr;) {
+    EXPECT_EQ(std::string(entry->d_name).find(stem + ".tmp-"), std::string::npos) << entry->d_name;
+  }
+  ::closedir(temp);
+  struct stat st;
+  ASSERT_EQ(::stat(dir.c_str(), &st), 0);
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+}
+
+TEST(ZvmapCliTest, SynthIsDeterministicAndRefusesGridsTooLargeBeforeBuilding) {
+  const std::string a = tempMapPath("a.gridmap"), b = tempMapPath("b.gridmap"), c = tempMapPath("c.gridmap");
+  const ToolRun first = zvmap({"synth", "-o", a, "--cols", "200", "--rows", "150", "--seed", "2"});
+  ASSERT_EQ(first.status, 0) << first.err;
+  EXPECT_EQ(first.err, "");
+  EXPECT_TRUE(contains(first.out, "on 200 x 150 positions (seed 2)")) << first.out;
+  ASSERT_EQ(zvmap({"synth", "-o", b, "--cols", "200", "--rows", "150", "--seed", "2"}).status, 0);
+  ASSERT_EQ(zvmap({"synth", "-o", c, "--cols", "200", "--rows", "150", "--seed", "10"}).status, 0);
+  EXPECT_EQ(readFileBytes(a), readFileBytes(b));
+  EXPECT_NE(readFileBytes(a), readFileBytes(c));
+  if (mapPath() == ZV_BUNDLED_MAP) {  // the bundled map is the 500 x 500 scene of seed 20
+    const std::string same = tempMapPath("bundled.gridmap");
+    ASSERT_EQ(zvmap({"synth", "-o", same, "--cols", "500", "--rows", "500", "--seed", "20"}).status, 0);
+    EXPECT_EQ(readFileBytes(same), readFileBytes(ZV_BUNDLED_MAP));
+  }
+
+  // 32768 x 32768 would be tens of gigabytes of cells: refused at once.
+  const std::string huge = tempMapPath("huge.gridmap");
+  for (const auto& [cols, rows] : {std::pair<const char*, const char*>{"32768", "32768"}, {"97612891", "1"}}) {
+    expectOneLineFailure(zvmap({"synth", "-o", huge, "--cols", cols, "--rows", rows}), huge,
+                         "does not fit a map file");
+  }
+  EXPECT_FALSE(fileExists(huge));
+  // This small scene lies wholly inside a building: nothing to save.
+  expectOneLineFailure(zvmap({"synth", "-o", huge, "--cols", "200", "--rows", "150", "--seed", "9"}), huge,
+                       "has no occupied positions");
+  EXPECT_FALSE(fileExists(huge));
+  const std::string nowhere = tempMapPath("no/such/dir.gridmap");
+  expectOneLineFailure(zvmap({"synth", "-o", nowhere, "--cols", "10", "--rows", "10"}), nowhere,
+                       "cannot create the file: no such file or directory");
+}
+
+TEST(ZvmapCliTest, DiffReportsHeaderAndCellDifferences) {
+  const std::string map = mapPath();
+  const Bytes good = readFileBytes(map);
+  EXPECT_EQ(zvmap({"diff", map, map, "--tolerance", "exact"}).status, 0);
+
+  // Record 0's first value mean one step up (within one quantum) and record
+  // 1's three steps up; a changed tag.
+  Bytes nudged = good;
+  nudged[61 + 6] = static_cast<char>(nudged[61 + 6] + 1);
+  nudged[61 + 22 + 6] = static_cast<char>(nudged[61 + 22 + 6] + 3);
+  nudged[5] = 9;
+  const std::string other = tempMapPath("nudged.gridmap");
+  writeFileBytes(other, nudged);
+  const ToolRun quantised = zvmap({"diff", map, other});
+  expectOneLineFailure(quantised, map, "differs from " + other);
+  EXPECT_TRUE(contains(quantised.out, "  tag: 0 | 9\n")) << quantised.out;
+  EXPECT_TRUE(contains(quantised.out, "  differing     1 of the common positions beyond quantisation\n"))
+      << quantised.out;
+  const ToolRun exact = zvmap({"diff", map, other, "--tolerance", "exact"});
+  EXPECT_EQ(exact.status, 1);
+  EXPECT_TRUE(contains(exact.out, "  differing     2 of the common positions\n    value_mean[0]: 2\n"))
+      << exact.out;
+
+  // Positions present in one map only, matched on the map-wide grid.
+  const std::string a = writeMap("only_a", {{0, 0x11}, {4, 0x11}});
+  const std::string b = writeMap("only_b", {{4, 0x11}, {5, 0x11}});
+  const ToolRun one_side = zvmap({"diff", a, b});
+  EXPECT_EQ(one_side.status, 1);
+  EXPECT_TRUE(contains(one_side.out, "  positions     1 in both, 1 only in A, 1 only in B\n")) << one_side.out;
+  EXPECT_TRUE(contains(one_side.out, "(0, 0) only in A")) << one_side.out;
+  EXPECT_TRUE(contains(one_side.out, "(2, 1) only in B")) << one_side.out;
+}
+
+}  // namespace
+}  // namespace testing
+}  // namespace zorvane
+
+#endif  // ZVMAP_EXECUTABLE
