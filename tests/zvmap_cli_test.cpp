@@ -257,7 +257,7 @@ std::string writeMap(const std::string& name, const std::vector<std::pair<std::u
                      float height_base = -4.0f) {
   HeaderFields h;
   h.height_base = height_base;
-  h.body_size = static_cast<std::uint32_t>(22 * records.size());
+  h.body_bytes = static_cast<std::uint32_t>(22 * records.size());
   Bytes file = headerBytes(h);
   for (const auto& [position, fill] : records) appendRecord(&file, position, fill);
   const std::string path = tempMapPath(name);
