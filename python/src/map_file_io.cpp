@@ -1,0 +1,134 @@
+#include "python/src/map_file_io.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <pybind11/pybind11.h>
+
+#include "python/src/map_arrays.h"
+
+namespace zorvane {
+namespace python {
+
+namespace py = pybind11;
+using localization::GridMapLossy;
+
+namespace {
+
+// The library's load and save, each behind one function so that the module
+// follows the library's own file operations with one edit each.
+//
+// Until the library's silent loader (GridMapLossy::load with its
+// MapLoadStatus) is available: ReadFromFile, whose console lines go to
+// standard output, and whose failures other than an unreadable file are
+// reported without the library's reason.
+struct LoadOutcome {
+  bool ok = false;
+  bool cannot_read = false;
+  bool partial_record = false;
+  std::string reason;
+};
+
+LoadOutcome loadSilently(GridMapLossy* map, const std::string& path, bool prepare) {
+  LoadOutcome outcome;
+  (void)prepare;
+  outcome.ok = map->ReadFromFile(path);
+  if (!outcome.ok) {
+    struct stat st;
+    outcome.cannot_read = ::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+                          ::access(path.c_str(), R_OK) != 0;
+    outcome.reason = "not a loadable zvmap file";
+  }
+  return outcome;
+}
+
+// Until the library's durable save is available: saveToFile, which prints
+// its size lines to standard output.
+struct SaveOutcome {
+  bool ok = false;
+  std::string error;
+};
+
+SaveOutcome saveSilently(GridMapLossy* map, const std::string& path) {
+  SaveOutcome outcome;
+  errno = 0;
+  outcome.ok = map->saveToFile(path);
+  if (!outcome.ok) outcome.error = errno != 0 ? std::strerror(errno) : "the file could not be written";
+  return outcome;
+}
+
+[[noreturn]] void raiseOSError(const std::string& message) {
+  PyErr_SetString(PyExc_OSError, message.c_str());
+  throw py::error_already_set();
+}
+
+[[noreturn]] void raiseOSError(int error, const std::string& path) {
+  // OSError(errno, strerror, filename) picks the matching subclass.
+  PyErr_SetObject(PyExc_OSError,
+                  py::make_tuple(error, std::string(std::strerror(error)), path).ptr());
+  throw py::error_already_set();
+}
+
+// Why `path` cannot be read: an errno from the system where there is one.
+[[noreturn]] void raiseCannotRead(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) raiseOSError(errno, path);
+  if (S_ISDIR(st.st_mode)) raiseOSError(EISDIR, path);
+  if (!S_ISREG(st.st_mode)) {
+    raiseOSError("cannot load map file '" + path + "': not a regular file (a pipe, socket or device)");
+  }
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) raiseOSError(errno, path);
+  ::close(fd);
+  raiseOSError("cannot load map file '" + path + "': the file could not be read");
+}
+
+}  // namespace
+
+std::unique_ptr<GridMapLossy> readMap(const std::string& path, bool prepare) {
+  auto map = std::make_unique<GridMapLossy>();
+  LoadOutcome outcome;
+  {
+    py::gil_scoped_release unlocked;
+    outcome = loadSilently(map.get(), path, prepare);
+  }
+  if (outcome.cannot_read) raiseCannotRead(path);
+  if (!outcome.ok) throw py::value_error("cannot load map file '" + path + "': " + outcome.reason);
+  if (outcome.partial_record) {
+    const std::string warning = "map file '" + path +
+                                "': body size is not a multiple of 22; its whole records were read";
+    if (PyErr_WarnEx(PyExc_UserWarning, warning.c_str(), 1) != 0) throw py::error_already_set();
+  }
+  return map;
+}
+
+void saveMap(GridMapLossy& map, const std::string& path) {
+  const localization::GridMatrix& m = map.matrix_;
+  const auto cells = static_cast<std::int64_t>(m.cells_.size());
+  const std::string prefix = "cannot save map file '" + path + "': ";
+  if (cells == 0) throw py::value_error(prefix + "the map has no cells");
+  if (cells > kMaxMapCells) {
+    throw py::value_error(prefix + "the map has " + std::to_string(cells) +
+                          " cells, more than the 97612890 a map file can hold");
+  }
+  if (m.rows_ < 0 || m.cols_ < 0 ||
+      static_cast<std::int64_t>(m.index_.size()) != std::int64_t{m.rows_} * m.cols_) {
+    throw py::value_error(prefix + "the index does not match the map's rows and columns");
+  }
+  const std::string problem = checkCellIndex(m.index_.data(), m.rows_, m.cols_, cells);
+  if (!problem.empty()) throw py::value_error(prefix + problem);
+
+  SaveOutcome outcome;
+  {
+    py::gil_scoped_release unlocked;
+    outcome = saveSilently(&map, path);
+  }
+  if (!outcome.ok) raiseOSError(prefix + outcome.error);
+}
+
+}  // namespace python
+}  // namespace zorvane
