@@ -28,7 +28,7 @@
 
 #include "localization/grid_matrix.h"
 #include "tests/support/plain_look_up_table.h"
-#include "tools/mapgen/synthetic_map.h"
+#include "tests/support/synthetic_map.h"
 
 namespace {
 
@@ -39,7 +39,7 @@ const GridMatrix& preparedMap(int side) {
   static std::map<int, std::unique_ptr<GridMatrix>> maps;
   auto& slot = maps[side];
   if (!slot) {
-    slot = std::make_unique<GridMatrix>(zorvane::tools::makeSyntheticMap(side, side, 1).matrix);
+    slot = std::make_unique<GridMatrix>(zorvane::testing::makeSyntheticMap(side, side, 1).matrix);
     slot->runPreCalc();
   }
   return *slot;

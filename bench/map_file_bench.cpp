@@ -26,9 +26,10 @@
 #include <vector>
 
 #include "localization/grid_map_lossy.h"
+#include "localization/lossy_format.h"
 #include "localization/map_allocator.h"
 #include "localization/map_file_buffer.h"
-#include "tools/mapgen/synthetic_map.h"
+#include "tests/support/synthetic_map.h"
 
 namespace zorvane {
 namespace {
@@ -55,7 +56,7 @@ const MapFile& mapFile(int side) {
   MapFile f;
   f.path = "/tmp/zv_map_file_bench_" + std::to_string(getpid()) + "_" + std::to_string(side) + ".zvmap";
   {
-    tools::SyntheticMap synthetic = tools::makeSyntheticMap(side, side, 42);
+    testing::SyntheticMap synthetic = testing::makeSyntheticMap(side, side, 42);
     GridMapLossy map;
     map.height_base_ = synthetic.height_base;
     map.aux_value_base_ = synthetic.aux_value_base;
@@ -216,7 +217,7 @@ void BM_PlainLoader(benchmark::State& state) {
       cells.resize(records);
       for (std::uint32_t i = 0; i < records; ++i) {
         const char* record = buf.data() + 61 + 22 * static_cast<std::size_t>(i);
-        const std::uint32_t position = localization::lossy::recordPosition(record);
+        const std::uint32_t position = localization::lossy::decodeRecordPosition(record);
         if (position >= index.size()) std::abort();
         index[position] = static_cast<std::int32_t>(i);
         localization::lossy::decodeCellRecord(record, scales, &cells[i]);

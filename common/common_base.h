@@ -8,6 +8,8 @@
 
 #include <yaml-cpp/yaml.h>
 
+#include "common/console.h"
+
 namespace zorvane {
 namespace common {
 
@@ -44,8 +46,9 @@ class CommonBase {
   template <typename T>
   bool yamlRead(const YAML::Node& node, const std::string& key, T& value) {
     if (!node[key].IsDefined() || node[key].IsNull()) {
-      std::cout << "\033[33m" << name() << " : Not set " << "\033[0m" << key << "\033[33m"
-                << " value !!!" << "\033[0m" << "\033[0m" << std::endl;
+      // The key stands out uncoloured between the two yellow parts.
+      std::cout << kYellow << name() << " : Not set " << kColourReset << key << kYellow
+                << " value !!!" << kColourReset << kColourReset << std::endl;
       return false;
     }
     value = node[key].template as<T>();

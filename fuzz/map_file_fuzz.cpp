@@ -5,10 +5,10 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "fuzz/map_file_fuzz_target.h"
+#include "tests/support/map_file_checks.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string failure = zorvane::fuzz::checkMapFileInput(data, size);
+  const std::string failure = zorvane::testing::checkMapFileInput(data, size);
   if (!failure.empty()) {
     std::fprintf(stderr, "map file check failed: %s\n", failure.c_str());
     std::abort();

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/map_file_fuzz_target.h"
+#include "tests/support/map_file_checks.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ std::string replayOne(const std::filesystem::path& path) {
   const std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   // The map operations' own console lines would bury the verdicts.
   std::cout.setstate(std::ios::badbit);
-  const std::string failure = zorvane::fuzz::checkMapFileInput(
+  const std::string failure = zorvane::testing::checkMapFileInput(
       reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
   std::cout.clear();
   return failure;

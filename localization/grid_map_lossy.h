@@ -1,32 +1,35 @@
 // GridMapLossy: the grid map stored in the quantised zvmap file.
 //
-// The file layout and the quantisation rules are in lossy_codec.h; the
-// record loops in lossy_body.h. The format loses precision in fixed ways:
-// sigmas, height means and aux_value are stored in steps of 0.01 (the last
-// two from the map's origins), value means as whole numbers 0..255, and
-// each pair of mixture weights as the share of the first in 255ths.
+// The file layout and the quantisation rules are in lossy_format.h. The
+// format loses precision in fixed ways: sigmas, height means and aux_value
+// are stored in steps of 0.01 (the last two from the map's origins), value
+// means as whole numbers 0..255, and each pair of mixture weights as the
+// share of the first in 255ths.
 //
 // Console output: every message is one line on standard output, ended and
 // flushed; red messages are "\033[31m" + text + "\033[0m" + end of line.
+//
+// State after a refused load. Whatever a load refuses, the matrix keeps its
+// invariant: index_ has exactly grid_size_ entries, each -1 or a cell
+// number below cells_.size(). Where the refusal leaves no cells to go with
+// the declared grid (a truncated body, dimensions or a position out of
+// range), the geometry is reset with the cells: cols_, rows_, grid_size_,
+// offset_x_ and offset_y_ become 0 and index_ and cells_ are empty; the
+// header values (tag, origins, references, body_size_) stay as read.
 #ifndef ZORVANE_LOCALIZATION_GRID_MAP_LOSSY_H_
 #define ZORVANE_LOCALIZATION_GRID_MAP_LOSSY_H_
 
-#include <cstdint>
-#include <cstring>
-#include <fstream>
-#include <iostream>
 #include <string>
-#include <typeinfo>
-#include <utility>
 
 #include "localization/grid_map_base.h"
-#include "localization/little_endian.h"
-#include "localization/lossy_body.h"
-#include "localization/lossy_codec.h"
-#include "localization/map_file_buffer.h"
+#include "localization/map_load_status.h"
 
 namespace zorvane {
 namespace localization {
+namespace lossy {
+struct CellScales;
+struct Header;
+}  // namespace lossy
 
 class GridMapLossy : public GridMapBase {
  public:
@@ -58,36 +61,48 @@ class GridMapLossy : public GridMapBase {
   // takes at most the file's size plus the final matrix in memory. The
   // table cache is left as it was.
   //
-  // Results, in the order the checks are made:
-  //  - not a readable regular file (missing, a directory, a pipe): red
-  //    "ReadFromFile : Cannot read file " + path; false; object unchanged.
+  // The checks, in the order they are made, with the status load() reports
+  // and the line ReadFromFile prints (all red; "size" stands for "ReadFromFile
+  // : Map size is not same as raw data!"):
+  //  - not a readable regular file (missing, a directory, a pipe, a device):
+  //    kCannotRead, "ReadFromFile : Cannot read file " + path; object
+  //    unchanged.
   //  - first five bytes not "zvmap" (an empty or shorter file included):
-  //    no output; false; object unchanged.
-  //  - ends inside the 61-byte header, or longer than the largest file the
-  //    format allows (61 + 22 * 97,612,890 bytes): red "ReadFromFile : Map
-  //    size is not same as raw data!"; false; object unchanged.
-  //  - body size field not a multiple of 22: red "GridMapLossy
-  //    loadHeaderBinary : Map format wrong", then the load goes on with the
+  //    kNotAMapFile, no line; object unchanged.
+  //  - longer than the largest file the format allows (61 + 22 *
+  //    97,612,890 bytes): kFileTooLarge, "size"; object unchanged.
+  //  - ends inside the 61-byte header: kTruncatedHeader, "size"; object
+  //    unchanged.
+  //  - body size field not a multiple of 22: "GridMapLossy loadHeaderBinary :
+  //    Map format wrong" (partial_record), then the load goes on with the
   //    whole records.
-  //  - whole records declared beyond the end of the file: red "ReadFromFile
-  //    : Map size is not same as raw data!"; false; header values and
-  //    geometry loaded; cells_ and index_ empty; precalculated_ false.
+  //  - whole records declared beyond the end of the file: kTruncatedBody,
+  //    "size"; matrix dropped (see the top of this file).
+  //  - body size field below 22: kNoCells, no line of its own; header
+  //    values and geometry loaded; index_ sized to the grid, all -1; cells_
+  //    empty. Unless the geometry is refused (next row).
   //  - negative rows or columns, a grid whose 32-bit size wraps, or a grid
-  //    too large for its cells (more than 2^24 + 256 * records positions,
-  //    or more than 2^30; see lossy_codec.h): red "GridMapLossy
-  //    loadBodyBinary : Map dimensions out of range"; false; header values
-  //    and geometry loaded; cells_ and index_ empty; precalculated_ false.
-  //    Decided from the header, before any memory is taken for the index.
-  //  - a record naming a position at or beyond the grid: red "GridMapLossy
-  //    loadBodyBinary : Cell position out of range"; false; as the row above.
-  //  - body size field below 22: false (no message of its own); header
-  //    values and geometry loaded; index_ sized to the grid, all -1;
-  //    cells_ empty; precalculated_ false.
-  //  - file length differs from 61 + the whole records: red "ReadFromFile :
-  //    Map size is not same as raw data!"; false; header values, geometry,
-  //    index_ and cells_ loaded from the file, in raw form; precalculated_
-  //    false.
+  //    too large for its cells (lossy::isLoadableGeometry): kDimensionsOutOfRange,
+  //    "GridMapLossy loadBodyBinary : Map dimensions out of range"; matrix
+  //    dropped. Decided from the header, before any memory is taken.
+  //  - a record naming a position at or beyond the grid: kPositionOutOfRange,
+  //    "GridMapLossy loadBodyBinary : Cell position out of range"; matrix
+  //    dropped.
+  //  - file length differs from 61 + the whole records: kSizeMismatch,
+  //    "size"; header values, geometry, index_ and cells_ loaded from the
+  //    file, in raw form.
+  // After every refusal precalculated_ is false unless the object is
+  // unchanged. Throws std::bad_alloc when memory for the file or the matrix
+  // cannot be had.
   bool ReadFromFile(const std::string& path) override;
+
+  // Loads exactly as ReadFromFile does, with the same checks and the same
+  // state afterwards, but prints nothing and reports how the load ended.
+  // Without `prepare` a successful load leaves the cells in raw form, as
+  // the file holds them (precalculated_ false), for code that inspects
+  // them. A subclass that overrides the binary operations is loaded through
+  // them, and they may print.
+  MapLoadResult load(const std::string& path, bool prepare = true);
 
   // Writes the 61-byte header at `buf`; the body size field is
   // getBodyBinarySize() now. Returns getHeaderBinarySize() + 16 (61).
@@ -121,12 +136,13 @@ class GridMapLossy : public GridMapBase {
   // clears precalculated_; returns getBodyBinarySize() afterwards (22 times
   // the cells read). `buf` must hold that many bytes. Duplicate positions:
   // the later record wins, the earlier cell stays without a position.
-  // Refuses (red message, empty cells_ and index_, returns 0) more than
-  // 97,612,890 records or a geometry outside lossy::isLoadableGeometry for
-  // the declared records ("GridMapLossy loadBodyBinary : Map dimensions out
-  // of range"), before reading the body or sizing the index, and a
-  // record naming a position at or beyond grid_size_ ("GridMapLossy
-  // loadBodyBinary : Cell position out of range").
+  // Refuses, printing the red line, dropping the matrix (see the top of
+  // this file) and returning 0: more than 97,612,890 records or a geometry
+  // outside lossy::isLoadableGeometry for the declared records
+  // ("GridMapLossy loadBodyBinary : Map dimensions out of range"), before
+  // reading the body or sizing the index; a record naming a position at or
+  // beyond grid_size_ ("GridMapLossy loadBodyBinary : Cell position out of
+  // range").
   int loadBodyBinary(char* buf) override;
 
   // cells_.size() * 22 in 32-bit arithmetic.
@@ -141,204 +157,18 @@ class GridMapLossy : public GridMapBase {
   float aux_value_step_ = 0.01f;
 
  private:
-  lossy::CellScales cellScales() const {
-    return {value_sigma_step_, height_sigma_step_, height_mean_step_,
-            aux_value_step_,   height_base_,       aux_value_base_};
-  }
-  // loadBodyBinary, optionally leaving the cells in prepared form (and
-  // precalculated_ set) as runPreCalc would.
-  int loadBody(char* buf, bool prepare);
-
-  void releaseCells() {
-    matrix_.precalculated_ = false;
-    MapVector<MCell>().swap(matrix_.cells_);
-    MapVector<std::int32_t>().swap(matrix_.index_);
-  }
+  lossy::CellScales cellScales() const;
+  void applyHeader(const lossy::Header& header);
+  // Empties cells_ and index_ and resets the geometry (see the top of this
+  // file); precalculated_ false.
+  void dropMatrix();
+  // The body reader behind loadBodyBinary and load: decodes body_size_ / 22
+  // records at `buf`, optionally straight into prepared form. Prints
+  // nothing; on a refusal the matrix is dropped.
+  MapLoadStatus decodeBodyRecords(const char* buf, bool prepare);
+  // ReadFromFile and load; `print` selects the console lines of ReadFromFile.
+  MapLoadResult loadFile(const std::string& path, bool prepare, bool print);
 };
-
-namespace internal {
-
-inline void printRedLine(const std::string& text) {
-  std::cout << "\033[31m" << text << "\033[0m" << std::endl;
-}
-
-// Sum of two lengths as the file operations form it: signed 32-bit, wrapping.
-inline std::int32_t addLengths(std::int32_t a, std::int32_t b) {
-  return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
-}
-
-constexpr char kReadSizeMismatch[] = "ReadFromFile : Map size is not same as raw data!";
-
-}  // namespace internal
-
-inline int GridMapLossy::getHeaderBinarySize() { return lossy::kHeaderFieldBytes; }
-
-inline int GridMapLossy::getBodyBinarySize() {
-  const auto cells = static_cast<std::uint32_t>(matrix_.cells_.size());
-  return static_cast<int>(cells * static_cast<std::uint32_t>(lossy::kRecordBytes));
-}
-
-inline int GridMapLossy::addHeaderBinary(char* buf) {
-  using namespace internal;
-  std::memcpy(buf, lossy::kMagic, lossy::kMagicBytes);
-  encodeFixed32(buf + lossy::kTagOffset, header_tag_);
-  encodeFloat32(buf + lossy::kHeightBaseOffset, height_base_);
-  encodeFloat32(buf + lossy::kAuxBaseOffset, aux_value_base_);
-  for (int k = 0; k < 3; ++k) encodeFloat64(buf + lossy::kReferenceOffset + 8 * k, reference_[k]);
-  encodeFixed32(buf + lossy::kBodySizeOffset, static_cast<std::uint32_t>(getBodyBinarySize()));
-  encodeInt32(buf + lossy::kRowsOffset, matrix_.rows_);
-  encodeInt32(buf + lossy::kColsOffset, matrix_.cols_);
-  encodeInt32(buf + lossy::kOffsetYOffset, matrix_.offset_y_);
-  encodeInt32(buf + lossy::kOffsetXOffset, matrix_.offset_x_);
-  return getHeaderBinarySize() + lossy::kGeometryBytes;
-}
-
-inline int GridMapLossy::loadHeaderBinary(char* buf) {
-  using namespace internal;
-  if (std::memcmp(buf, lossy::kMagic, lossy::kMagicBytes) != 0) return -1;
-  header_tag_ = decodeFixed32(buf + lossy::kTagOffset);
-  height_base_ = decodeFloat32(buf + lossy::kHeightBaseOffset);
-  aux_value_base_ = decodeFloat32(buf + lossy::kAuxBaseOffset);
-  for (int k = 0; k < 3; ++k) reference_[k] = decodeFloat64(buf + lossy::kReferenceOffset + 8 * k);
-  body_size_ = decodeFixed32(buf + lossy::kBodySizeOffset);
-  matrix_.rows_ = decodeInt32(buf + lossy::kRowsOffset);
-  matrix_.cols_ = decodeInt32(buf + lossy::kColsOffset);
-  matrix_.offset_y_ = decodeInt32(buf + lossy::kOffsetYOffset);
-  matrix_.offset_x_ = decodeInt32(buf + lossy::kOffsetXOffset);
-  matrix_.grid_size_ =
-      static_cast<std::uint32_t>(matrix_.cols_) * static_cast<std::uint32_t>(matrix_.rows_);
-  if (body_size_ % lossy::kRecordBytes != 0) {
-    printRedLine("GridMapLossy loadHeaderBinary : Map format wrong");
-  }
-  return getHeaderBinarySize() + lossy::kGeometryBytes;
-}
-
-inline int GridMapLossy::addBodyBinary(char* buf) {
-  if (matrix_.cells_.empty()) return getBodyBinarySize();
-  const std::int64_t declared = getBodyBinarySize();
-  const std::int64_t records = lossy::countBodyRecords(matrix_);
-  if (records < 0 || records * lossy::kRecordBytes > declared) {
-    internal::printRedLine("GridMapLossy addBodyBinary : Index does not name each cell once");
-    return -1;
-  }
-  if (matrix_.index_.size() != matrix_.grid_size_ ||
-      !lossy::isLoadableGeometry(matrix_.rows_, matrix_.cols_, matrix_.grid_size_,
-                                 static_cast<std::uint64_t>(records))) {
-    internal::printRedLine("GridMapLossy addBodyBinary : Map dimensions out of range");
-    return -1;
-  }
-  lossy::encodeBody(matrix_, cellScales(), buf);
-  return getBodyBinarySize();
-}
-
-inline int GridMapLossy::loadBodyBinary(char* buf) { return loadBody(buf, /*prepare=*/false); }
-
-inline int GridMapLossy::loadBody(char* buf, bool prepare) {
-  const std::uint32_t records = body_size_ / lossy::kRecordBytes;
-  if (records > lossy::kMaxCells ||
-      !lossy::isLoadableGeometry(matrix_.rows_, matrix_.cols_, matrix_.grid_size_, records)) {
-    releaseCells();
-    internal::printRedLine("GridMapLossy loadBodyBinary : Map dimensions out of range");
-    return getBodyBinarySize();
-  }
-  if (lossy::decodeBody(buf, records, cellScales(), prepare, &matrix_) != lossy::BodyDecodeStatus::kOk) {
-    internal::printRedLine("GridMapLossy loadBodyBinary : Cell position out of range");
-  }
-  return getBodyBinarySize();
-}
-
-inline bool GridMapLossy::saveToFile(const std::string& path) {
-  std::ofstream out(path, std::ios::out | std::ios::binary | std::ios::trunc);
-  if (!out) {
-    internal::printRedLine("GridMapLossy saveToFile: Cannot create file " + path);
-    return false;
-  }
-  if (static_cast<std::int64_t>(matrix_.cells_.size()) > lossy::kMaxCells) {
-    internal::printRedLine("GridMapLossy saveToFile: Map too large for the file format");
-    return false;
-  }
-  const std::int32_t length =
-      internal::addLengths(getHeaderBinarySize() + lossy::kGeometryBytes, getBodyBinarySize());
-  internal::MapFileBuffer buffer(length > 0 ? static_cast<std::size_t>(length) : 0);
-  std::cout << "GridMapLossy: buf size: " << static_cast<std::uint32_t>(length) << std::endl;
-
-  const int h = addHeaderBinary(buffer.data());
-  std::cout << "GridMapLossy saveToFile: header size: " << h << std::endl;
-  if (h <= 0) return false;
-
-  const int b = addBodyBinary(buffer.data() + h);
-  std::cout << "GridMapLossy saveToFile: body size: " << b << std::endl;
-  if (b <= 0) return false;
-
-  if (internal::addLengths(h, b) != length) {
-    internal::printRedLine("GridMapLossy saveToFile: Map size is not same as raw data!");
-    out.close();
-    return false;
-  }
-  out.write(buffer.data(), length);
-  out.close();
-  return true;
-}
-
-inline bool GridMapLossy::ReadFromFile(const std::string& path) {
-  internal::MapFileBuffer file;
-  switch (internal::readWholeFile(path, lossy::kMaxFileBytes, &file)) {
-    case internal::FileReadStatus::kOk:
-      break;
-    case internal::FileReadStatus::kCannotRead:
-      internal::printRedLine("ReadFromFile : Cannot read file " + path);
-      return false;
-    case internal::FileReadStatus::kTooLarge:
-      internal::printRedLine(internal::kReadSizeMismatch);
-      return false;
-  }
-  // All lengths below fit in 32 bits: the file is at most kMaxFileBytes.
-  const auto length = static_cast<std::int64_t>(file.size());
-  char* const buf = file.data();
-
-  // The header parser reads 61 bytes unchecked; a shorter file is judged on
-  // the bytes it has. Without the magic it is not a map file at all.
-  if (length < lossy::kHeaderBytes) {
-    if (length >= lossy::kMagicBytes && std::memcmp(buf, lossy::kMagic, lossy::kMagicBytes) == 0) {
-      internal::printRedLine(internal::kReadSizeMismatch);
-    }
-    return false;
-  }
-
-  const int h = loadHeaderBinary(buf);
-  if (h <= 0) return false;
-
-  // The body parser reads every whole record the header declares,
-  // unchecked: they must lie inside the file.
-  const std::int64_t body = static_cast<std::int64_t>(body_size_ / lossy::kRecordBytes) * lossy::kRecordBytes;
-  if (h > length || body > length - h) {
-    releaseCells();
-    internal::printRedLine(internal::kReadSizeMismatch);
-    return false;
-  }
-
-  // A map of exactly this class runs this class's body reader and size
-  // operations, so whether the length check will pass is known before the
-  // body is read. When it will, the cells are decoded straight into
-  // prepared form: the same bits as reading them raw and then running
-  // runPreCalc, with one pass over hundreds of megabytes of cells fewer.
-  // A subclass goes through its own virtual operations step by step.
-  int b;
-  if (typeid(*this) == typeid(GridMapLossy)) {
-    const std::int64_t records = body_size_ / lossy::kRecordBytes;
-    b = loadBody(buf + h, /*prepare=*/records > 0 && h + lossy::kRecordBytes * records == length);
-  } else {
-    b = loadBodyBinary(buf + h);
-  }
-  if (b <= 0) return false;
-
-  if (internal::addLengths(h, b) != length) {
-    internal::printRedLine(internal::kReadSizeMismatch);
-    return false;
-  }
-  matrix_.runPreCalc();
-  return true;
-}
 
 }  // namespace localization
 }  // namespace zorvane

@@ -1,8 +1,8 @@
 #include "localization/grid_map_server.h"
 
-#include <iostream>
 #include <string>
 
+#include "common/console.h"
 #include "gpu_aligner/gpu_aligner.h"
 #include "localization/runtime_error.h"
 
@@ -17,7 +17,7 @@ namespace {
 // The one pattern of every start-up failure: the reason in red on standard
 // output, then the coded exception that tells the host only the class.
 [[noreturn]] void failStartup(const char* message, unsigned code) {
-  std::cout << "\033[31m" << message << "\033[0m" << std::endl;
+  common::printRedLine(message);
   throw runtime_error(code);
 }
 
@@ -48,7 +48,7 @@ void GridMapServer::init(const YAML::Node& node) {
   std::string path;
   if (!yamlRead(node, "grid_map", path)) failStartup("Map file path not defined", kConfigError);
 
-  std::cout << "\033[32m" << "[MapServer]: Load from file: " << path << "\033[0m" << std::endl;
+  common::printGreenLine("[MapServer]: Load from file: " + path);
   if (!grid_map_->ReadFromFile(path)) failStartup("Fail loading map into MapServer", kLoadError);
   if (!calcSubSampledMatrix(kUploadLevel)) {
     failStartup("Fail loading map into MapServer", kLoadError);

@@ -5,26 +5,12 @@
 #include <cmath>
 #include <limits>
 
+#include "localization/cell_preparation.h"
 #include "localization/parallel_split.h"
 
 namespace zorvane {
 namespace localization {
 namespace {
-
-// Raw -> prepared for one Gaussian component. The weight is divided by the
-// raw sigma before the sigma is overwritten with 2 * s * s.
-inline void prepareComponent(float& sigma, float& weight) {
-  const float s = sigma;
-  weight = weight / s;
-  sigma = s * (s + s);
-}
-
-inline void prepareCell(MCell& cell) {
-  prepareComponent(cell.value_sigma[0], cell.value_weight[0]);
-  prepareComponent(cell.value_sigma[1], cell.value_weight[1]);
-  prepareComponent(cell.height_sigma[0], cell.height_weight[0]);
-  prepareComponent(cell.height_sigma[1], cell.height_weight[1]);
-}
 
 // The four sigmas in the order both checks visit them.
 inline float* sigmaField(MCell& cell, int i) {
@@ -62,7 +48,7 @@ void GridMatrix::runPreCalc() {
 #pragma omp parallel
   {
     const WorkRange range = staticSplit(n, omp_get_num_threads(), omp_get_thread_num());
-    for (std::int64_t i = range.begin; i < range.end; ++i) prepareCell(cells[i]);
+    for (std::int64_t i = range.begin; i < range.end; ++i) internal::prepareCell(cells[i]);
   }
   precalculated_ = true;
 }

@@ -8,45 +8,36 @@
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
-#include <memory>
 #include <thread>
 #include <vector>
 
+#include "localization/cell_preparation.h"
 #include "localization/parallel_split.h"
-
+#include "localization/streaming_store.h"
 
 namespace zorvane {
 namespace localization {
 namespace lossy {
 
-bool isLoadableGeometry(std::int32_t rows, std::int32_t cols, std::uint32_t grid_size,
-                        std::uint64_t records) {
-  if (rows < 0 || cols < 0) return false;
-  const std::uint64_t positions = static_cast<std::uint64_t>(rows) * static_cast<std::uint64_t>(cols);
-  if (positions != grid_size || positions > kMaxGridPositions) return false;
-  // records <= 2^32, so the product cannot overflow.
-  return positions <= kFreeGridPositions + kPositionsPerCell * records;
-}
-
 std::int64_t countBodyRecords(const GridMatrix& matrix) {
   // One bit per cell, set by the position that names it. The positions are
   // split by staticSplit and every thread marks its own bitmap; merging
   // them, a bit set twice means a cell named twice. Whichever thread meets
-  // a violation, the answer is the same.
+  // a violation, the answer is the same. The bitmaps are allocated before
+  // the region: an allocation failure inside it would end the process.
   const std::size_t cells = matrix.cells_.size();
   const std::size_t words = (cells + 63) / 64;
   const std::int32_t* const index = matrix.index_.data();
   const auto positions = static_cast<std::int64_t>(matrix.index_.size());
-  std::vector<std::vector<std::uint64_t>> named;
+  const int max_team = omp_get_max_threads();
+  std::vector<std::vector<std::uint64_t>> named(static_cast<std::size_t>(max_team),
+                                                std::vector<std::uint64_t>(words, 0));
   std::int64_t count = 0;
   bool valid = true;
-#pragma omp parallel reduction(+ : count) reduction(&& : valid)
+#pragma omp parallel num_threads(max_team) reduction(+ : count) reduction(&& : valid)
   {
     const int thread = omp_get_thread_num();
-#pragma omp single
-    named.resize(static_cast<std::size_t>(omp_get_num_threads()));
     std::vector<std::uint64_t>& mine = named[static_cast<std::size_t>(thread)];
-    mine.assign(words, 0);
     const WorkRange range = staticSplit(positions, omp_get_num_threads(), thread);
     for (std::int64_t p = range.begin; p < range.end; ++p) {
       if (index[p] < 0) continue;
@@ -80,18 +71,17 @@ std::int64_t countBodyRecords(const GridMatrix& matrix) {
 std::int64_t encodeBody(const GridMatrix& matrix, const CellScales& scales, char* dst) {
   // The positions are split by staticSplit; each thread counts the records
   // of its range, and after a barrier writes them behind those of the
-  // threads before it. The bytes do not depend on the team.
+  // threads before it. The bytes do not depend on the team. The counts are
+  // allocated before the region, for at most the team the region can get.
   const std::int32_t* const index = matrix.index_.data();
   const MCell* const cells = matrix.cells_.data();
   const auto positions = static_cast<std::int64_t>(matrix.index_.size());
-  std::vector<std::int64_t> counts;
-  std::int64_t total = 0;
-#pragma omp parallel
+  const int max_team = omp_get_max_threads();
+  std::vector<std::int64_t> counts(static_cast<std::size_t>(max_team), 0);
+#pragma omp parallel num_threads(max_team)
   {
     const int threads = omp_get_num_threads();
     const int thread = omp_get_thread_num();
-#pragma omp single
-    counts.assign(static_cast<std::size_t>(threads), 0);
     const WorkRange range = staticSplit(positions, threads, thread);
     std::int64_t mine = 0;
     for (std::int64_t p = range.begin; p < range.end; ++p) mine += index[p] >= 0;
@@ -106,52 +96,13 @@ std::int64_t encodeBody(const GridMatrix& matrix, const CellScales& scales, char
       encodeCellRecord(out, static_cast<std::uint32_t>(p), cells[c], scales);
       out += kRecordBytes;
     }
-#pragma omp single nowait
-    for (const std::int64_t n : counts) total += n;
   }
+  std::int64_t total = 0;
+  for (const std::int64_t n : counts) total += n;
   return total * kRecordBytes;
 }
 
 namespace {
-
-// Raw -> prepared, exactly as GridMatrix::runPreCalc does it: the weight is
-// divided by the raw sigma, then the sigma becomes s * (s + s).
-inline void prepareComponent(float& sigma, float& weight) {
-  const float s = sigma;
-  weight = weight / s;
-  sigma = s * (s + s);
-}
-
-inline void prepareCell(MCell* cell) {
-  prepareComponent(cell->value_sigma[0], cell->value_weight[0]);
-  prepareComponent(cell->value_sigma[1], cell->value_weight[1]);
-  prepareComponent(cell->height_sigma[0], cell->height_weight[0]);
-  prepareComponent(cell->height_sigma[1], cell->height_weight[1]);
-}
-
-// Stores a whole cell past the caches: a map's cells are far larger than
-// the caches and are not read again during the load, so fetching each line
-// before overwriting it would only double the memory traffic. The padding
-// bytes go along with the floats.
-inline void streamCell(const MCell& cell, MCell* dst) {
-#if defined(__SSE2__)
-  const auto* from = reinterpret_cast<const __m128i*>(&cell);
-  auto* to = reinterpret_cast<__m128i*>(dst);
-  _mm_stream_si128(to + 0, _mm_loadu_si128(from + 0));
-  _mm_stream_si128(to + 1, _mm_loadu_si128(from + 1));
-  _mm_stream_si128(to + 2, _mm_loadu_si128(from + 2));
-  _mm_stream_si128(to + 3, _mm_loadu_si128(from + 3));
-#else
-  *dst = cell;
-#endif
-}
-
-// Makes streamed stores visible before the thread leaves the region.
-inline void fenceStreamedStores() {
-#if defined(__SSE2__)
-  _mm_sfence();
-#endif
-}
 
 // Waits for another thread of the team to publish progress: spins briefly,
 // then yields, so that a machine busy with other work is not made busier.
@@ -172,38 +123,75 @@ void waitUntil(Ready ready) {
 // many: 512 KiB of cells.
 constexpr std::size_t kChunkRecords = 8192;
 
-struct RangeResult {
-  bool position_in_grid = true;
-  bool increasing = true;  // positions strictly increase, also from the record before
+// The positions whose index entries one chunk may write. Chunk c owns
+// [head of c, head of c + 1) (the last chunk up to the grid's end) when the
+// chunk heads strictly increase; the owned ranges are then disjoint, so no
+// two threads ever store into the same index entry. A record outside its
+// chunk's range, or not above the record before it, is not written here:
+// the index is then rebuilt in record order after the region.
+struct OwnedPositions {
+  std::int64_t begin = 0;
+  std::int64_t end = 0;
 };
 
-// Decodes records [begin, end) into cells [begin, end) and their index
-// entries. Cells below `kept` were there before the load and are updated
-// field by field; the others are written whole. Stops at the first record
-// naming a position outside the grid, before writing its index entry.
+OwnedPositions ownedPositions(const char* src, std::size_t chunk, std::size_t chunks,
+                              std::size_t count, std::size_t grid, bool heads_increase) {
+  if (!heads_increase) return {};
+  const std::size_t first = chunk * kChunkRecords;
+  const std::size_t next = first + kChunkRecords;
+  OwnedPositions owned;
+  owned.begin = decodeRecordPosition(src + first * kRecordBytes);
+  owned.end = chunk + 1 < chunks && next < count
+                  ? static_cast<std::int64_t>(decodeRecordPosition(src + next * kRecordBytes))
+                  : static_cast<std::int64_t>(grid);
+  return owned;
+}
+
+bool chunkHeadsIncrease(const char* src, std::size_t chunks) {
+  std::int64_t previous = -1;
+  for (std::size_t c = 0; c < chunks; ++c) {
+    const std::int64_t head = decodeRecordPosition(src + c * kChunkRecords * kRecordBytes);
+    if (head <= previous) return false;
+    previous = head;
+  }
+  return true;
+}
+
+struct RangeResult {
+  bool position_in_grid = true;
+  bool index_complete = true;  // every record's index entry was written
+};
+
+// Decodes records [begin, end) into cells [begin, end) and, within `owned`,
+// their index entries. Cells below `kept` were there before the load and
+// are updated field by field; the others are written whole. Stops at the
+// first record naming a position outside the grid.
 RangeResult decodeRange(const char* src, std::size_t begin, std::size_t end, std::size_t grid,
-                        const CellScales& scales, bool prepare, std::size_t kept, MCell* cells,
-                        std::int32_t* index) {
+                        OwnedPositions owned, const CellScales& scales, bool prepare,
+                        std::size_t kept, MCell* cells, std::int32_t* index) {
   RangeResult result;
-  std::int64_t previous = begin > 0 ? recordPosition(src + (begin - 1) * kRecordBytes) : -1;
+  std::int64_t previous = owned.begin - 1;
   for (std::size_t i = begin; i < end; ++i) {
     const char* record = src + i * kRecordBytes;
-    const std::uint32_t position = recordPosition(record);
+    const std::uint32_t position = decodeRecordPosition(record);
     if (position >= grid) {
       result.position_in_grid = false;
       return result;
     }
-    if (static_cast<std::int64_t>(position) <= previous) result.increasing = false;
-    previous = position;
-    index[position] = static_cast<std::int32_t>(i);
+    if (static_cast<std::int64_t>(position) > previous && position < owned.end) {
+      index[position] = static_cast<std::int32_t>(i);
+      previous = position;
+    } else {
+      result.index_complete = false;
+    }
     if (i < kept) {
       decodeCellRecord(record, scales, &cells[i]);
-      if (prepare) prepareCell(&cells[i]);
+      if (prepare) internal::prepareCell(cells[i]);
     } else {
       MCell cell;
       decodeCellRecord(record, scales, &cell);
-      if (prepare) prepareCell(&cell);
-      streamCell(cell, &cells[i]);
+      if (prepare) internal::prepareCell(cell);
+      internal::streamStore64(&cells[i], &cell);
     }
   }
   return result;
@@ -211,8 +199,8 @@ RangeResult decodeRange(const char* src, std::size_t begin, std::size_t end, std
 
 }  // namespace
 
-BodyDecodeStatus decodeBody(const char* src, std::uint32_t records, const CellScales& scales,
-                            bool prepare, GridMatrix* matrix) {
+MapLoadStatus decodeBody(const char* src, std::uint32_t records, const CellScales& scales,
+                         bool prepare, GridMatrix* matrix) {
   matrix->precalculated_ = false;
   MapVector<std::int32_t>& index = matrix->index_;
   MapVector<MCell>& cells = matrix->cells_;
@@ -227,7 +215,8 @@ BodyDecodeStatus decodeBody(const char* src, std::uint32_t records, const CellSc
   index.reserve(grid);
 
   // Cells beyond the new count are dropped; cells that stay keep their
-  // storage and padding and are updated field by field.
+  // storage and padding and are updated field by field. All memory is
+  // reserved here, outside the parallel region.
   if (cells.size() > count) cells.resize(count);
   const std::size_t kept = cells.size();
   cells.reserve(count);
@@ -244,15 +233,17 @@ BodyDecodeStatus decodeBody(const char* src, std::uint32_t records, const CellSc
   // been published.
   //
   // Which thread decodes a chunk changes nothing in the result: every cell
-  // depends on its own record alone, and the index is rebuilt in record
-  // order below unless no two records name the same position.
+  // depends on its own record alone, and each index entry is written by the
+  // one chunk that owns its position (ownedPositions), or by the replay in
+  // record order below.
   MCell* const out = cells.data();
   const std::size_t chunks = (count + kChunkRecords - 1) / kChunkRecords;
+  const bool heads_increase = chunkHeadsIncrease(src, chunks);
   std::atomic<bool> index_ready{false};
   std::atomic<std::size_t> constructed{kept};
   std::atomic<std::size_t> next_chunk{0};
   std::atomic<bool> in_grid{true};
-  std::atomic<bool> increasing{true};
+  std::atomic<bool> index_complete{true};
 #pragma omp parallel
   {
     const int thread = omp_get_thread_num();
@@ -274,29 +265,31 @@ BodyDecodeStatus decodeBody(const char* src, std::uint32_t records, const CellSc
       const std::size_t begin = c * kChunkRecords;
       const std::size_t end = std::min(begin + kChunkRecords, count);
       waitUntil([&] { return constructed.load(std::memory_order_acquire) >= end; });
-      const RangeResult r = decodeRange(src, begin, end, grid, scales, prepare, kept, out, idx);
+      const OwnedPositions owned = ownedPositions(src, c, chunks, count, grid, heads_increase);
+      const RangeResult r = decodeRange(src, begin, end, grid, owned, scales, prepare, kept, out, idx);
       if (!r.position_in_grid) in_grid.store(false, std::memory_order_relaxed);
-      if (!r.increasing) increasing.store(false, std::memory_order_relaxed);
+      if (!r.index_complete) index_complete.store(false, std::memory_order_relaxed);
     }
-    fenceStreamedStores();
+    internal::fenceStreamedStores();
   }
 
   if (!in_grid.load()) {
     MapVector<std::int32_t>().swap(index);
     MapVector<MCell>().swap(cells);
-    return BodyDecodeStatus::kPositionOutOfRange;
+    return MapLoadStatus::kPositionOutOfRange;
   }
-  if (!increasing.load()) {
-    // Some position is named twice (or records are out of order): replay
-    // the index in record order so that the later record wins.
+  if (!index_complete.load()) {
+    // Positions out of order, or named twice: replay the index in record
+    // order so that the later record wins. Every position was checked
+    // against the grid above.
     std::fill(index.begin(), index.end(), -1);
     std::int32_t* const idx = index.data();
     for (std::size_t i = 0; i < count; ++i) {
-      idx[recordPosition(src + i * kRecordBytes)] = static_cast<std::int32_t>(i);
+      idx[decodeRecordPosition(src + i * kRecordBytes)] = static_cast<std::int32_t>(i);
     }
   }
   matrix->precalculated_ = prepare;
-  return BodyDecodeStatus::kOk;
+  return MapLoadStatus::kOk;
 }
 
 }  // namespace lossy

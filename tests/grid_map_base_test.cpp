@@ -11,7 +11,7 @@
 
 #include "localization/grid_map_lossy.h"
 #include "tests/support/map_files.h"
-#include "tools/mapgen/synthetic_map.h"
+#include "tests/support/synthetic_map.h"
 
 namespace zorvane {
 namespace localization {
@@ -22,7 +22,7 @@ using testing::bits;
 // A prepared synthetic matrix, small enough for a quick table.
 void loadSmallMap(GridMapBase* map, std::uint64_t seed) {
   GridMatrix& m = map->mutable_matrix();
-  m = tools::makeSyntheticMap(24, 16, seed).matrix;
+  m = testing::makeSyntheticMap(24, 16, seed).matrix;
   ASSERT_FALSE(m.cells_.empty());
   m.runPreCalc();
 }
@@ -106,7 +106,7 @@ TEST(GridMapBaseCacheTest, AnEmptyTableOnceCachedIsKept) {
 TEST(GridMapBaseCacheTest, ReloadingTheMapKeepsTheCachedTable) {
   const std::string path = testing::tempMapPath("reload.zvmap");
   GridMapLossy writer;
-  tools::SyntheticMap synthetic = tools::makeSyntheticMap(30, 20, 1);
+  testing::SyntheticMap synthetic = testing::makeSyntheticMap(30, 20, 1);
   writer.height_base_ = synthetic.height_base;
   writer.aux_value_base_ = synthetic.aux_value_base;
   writer.mutable_matrix() = synthetic.matrix;

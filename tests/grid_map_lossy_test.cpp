@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "tests/support/map_files.h"
-#include "tools/mapgen/synthetic_map.h"
+#include "tests/support/synthetic_map.h"
 
 namespace zorvane {
 namespace localization {
@@ -306,7 +306,7 @@ TEST(GridMapLossyReadTest, SecondLoadLeavesNoTraceOfTheFirst) {
 // grid, so a save and load gives them back bit for bit, in prepared form,
 // whatever the team size, and through a subclass (raw cells, then runPreCalc).
 TEST(GridMapLossyRoundTripTest, SyntheticMapComesBackExactlyForAnyTeamAndASubclass) {
-  tools::SyntheticMap synthetic = tools::makeSyntheticMap(300, 200, 5);
+  testing::SyntheticMap synthetic = testing::makeSyntheticMap(300, 200, 5);
   GridMapLossy map;
   map.header_tag_ = 3;
   map.height_base_ = synthetic.height_base;

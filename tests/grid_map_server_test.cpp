@@ -18,7 +18,7 @@
 #include "gpu_aligner/stand_in_record.h"
 #include "localization/grid_map_lossy.h"
 #include "localization/runtime_error.h"
-#include "tools/mapgen/synthetic_map.h"
+#include "tests/support/synthetic_map.h"
 
 namespace {
 
@@ -95,7 +95,7 @@ class ServerTest : public testing::Test {
   // Writes a synthetic map (coarse blocks not aligned with its edges, cells
   // over many bins) and returns its path.
   std::string writeMap(const std::string& name, int cols, int rows, unsigned seed) {
-    const auto synthetic = zorvane::tools::makeSyntheticMap(cols, rows, seed);
+    const auto synthetic = zorvane::testing::makeSyntheticMap(cols, rows, seed);
     EXPECT_GT(synthetic.matrix.cells_.size(), 20u) << name;
     GridMapLossy map;
     map.mutable_matrix() = synthetic.matrix;

@@ -18,14 +18,14 @@
 #include <vector>
 
 #include "tests/support/plain_look_up_table.h"
-#include "tools/mapgen/synthetic_map.h"
+#include "tests/support/synthetic_map.h"
 
 namespace {
 
 using namespace zorvane::localization;
 using internal::SubnormalPath;
 using zorvane::testing::plainLookUpTable;
-using zorvane::tools::makeSyntheticMap;
+using zorvane::testing::makeSyntheticMap;
 
 const float kInf = std::numeric_limits<float>::infinity();
 const float kNaN = std::numeric_limits<float>::quiet_NaN();

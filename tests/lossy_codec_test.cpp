@@ -1,6 +1,6 @@
 // The zvmap field helpers and quantisation rules: byte order, rounding,
 // saturation, and the example cell record.
-#include "localization/lossy_codec.h"
+#include "localization/lossy_format.h"
 
 #include <gtest/gtest.h>
 
@@ -156,7 +156,7 @@ TEST(CellRecordTest, ExampleCellEncodesToItsRecordAndDecodingLeavesThePadding) {
   MCell cell;
   std::memset(cell.unused_, 0xee, sizeof cell.unused_);
   const auto* src = reinterpret_cast<const char*>(kExampleRecord.data());
-  EXPECT_EQ(recordPosition(src), 4u);
+  EXPECT_EQ(decodeRecordPosition(src), 4u);
   decodeCellRecord(src, kExampleScales, &cell);  // the values: see the golden decode
   EXPECT_EQ(cell.value_mean[1], 101.f);
   for (unsigned char b : cell.unused_) EXPECT_EQ(b, 0xee);

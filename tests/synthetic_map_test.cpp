@@ -1,6 +1,6 @@
 // The synthetic map generator: other tests and the benchmarks rely on its
 // maps being valid raw matrices whose cells survive the lossy file unchanged.
-#include "tools/mapgen/synthetic_map.h"
+#include "tests/support/synthetic_map.h"
 
 #include <gtest/gtest.h>
 #include <omp.h>
@@ -14,7 +14,7 @@ namespace {
 
 using zorvane::localization::GridMatrix;
 using zorvane::localization::MCell;
-using zorvane::tools::makeSyntheticMap;
+using zorvane::testing::makeSyntheticMap;
 
 bool sameBits(const GridMatrix& a, const GridMatrix& b) {
   if (a.cells_.size() != b.cells_.size() || a.index_ != b.index_) return false;

@@ -25,7 +25,9 @@
 
 #include "localization/grid_map_lossy.h"
 #include "localization/little_endian.h"
-#include "tools/mapgen/synthetic_map.h"
+#include "localization/lossy_body.h"
+#include "localization/lossy_format.h"
+#include "tests/support/synthetic_map.h"
 
 namespace zorvane {
 namespace tools {
@@ -151,8 +153,8 @@ inline int generateCommand(const char* cols_text, const char* rows_text, const c
     std::cerr << "COLS x ROWS exceeds the largest grid a map file may declare (2^30 positions)\n";
     return 2;
   }
-  SyntheticMap synthetic =
-      makeSyntheticMap(static_cast<int>(cols), static_cast<int>(rows),
+  testing::SyntheticMap synthetic =
+      testing::makeSyntheticMap(static_cast<int>(cols), static_cast<int>(rows),
                                        static_cast<std::uint64_t>(seed));
   GridMapLossy map;
   map.height_base_ = synthetic.height_base;
@@ -169,7 +171,7 @@ inline std::int64_t recordsOutOfOrder(const std::vector<char>& file, std::uint32
   std::int64_t bad = 0;
   std::int64_t previous = -1;
   for (std::uint32_t i = 0; i < records; ++i) {
-    const std::int64_t p = lossy::recordPosition(file.data() + lossy::kHeaderBytes +
+    const std::int64_t p = lossy::decodeRecordPosition(file.data() + lossy::kHeaderBytes +
                                                  static_cast<std::size_t>(i) * lossy::kRecordBytes);
     if (p <= previous) ++bad;
     previous = p;

@@ -1,5 +1,5 @@
-// Helpers for zvmap file tests: temporary files, the documented 83-byte
-// example, hand-built headers and records, captured console output.
+// Helpers for the map file tests: temporary files, captured console output,
+// matrix comparison. The file bytes themselves are in map_bytes.h.
 #ifndef ZORVANE_TESTS_SUPPORT_MAP_FILES_H_
 #define ZORVANE_TESTS_SUPPORT_MAP_FILES_H_
 
@@ -11,17 +11,10 @@
 #include <vector>
 
 #include "localization/grid_map_lossy.h"
+#include "tests/support/map_bytes.h"
 
 namespace zorvane {
 namespace testing {
-
-using Bytes = std::vector<char>;
-
-inline std::uint32_t bits(float f) {
-  std::uint32_t u;
-  std::memcpy(&u, &f, sizeof u);
-  return u;
-}
 
 // A path in the test temporary directory, unique to this process and test.
 std::string tempMapPath(const std::string& name);
@@ -30,27 +23,28 @@ Bytes readFileBytes(const std::string& path);  // empty when unreadable
 bool fileExists(const std::string& path);
 std::string redLine(const std::string& text);  // "\033[31m" text "\033[0m\n"
 
-// The documented example: tag 1, height origin -2.5, aux origin 0,
-// references 100, 200, 0, a 3 x 2 grid (offsets x -1, y 4) with exampleCell()
-// at flat position 4; and its 83-byte file.
-localization::MCell exampleCell();
-void fillExampleMap(localization::GridMapLossy* map);
-Bytes exampleFileBytes();
+// Caps the process's address space at its current size plus `bytes` for
+// its lifetime, so that an allocation beyond the cap fails with
+// std::bad_alloc instead of succeeding. Inactive under AddressSanitizer,
+// whose shadow memory needs the address space.
+class AddressSpaceCap {
+ public:
+  explicit AddressSpaceCap(std::size_t bytes);
+  AddressSpaceCap(const AddressSpaceCap&) = delete;
+  AddressSpaceCap& operator=(const AddressSpaceCap&) = delete;
+  ~AddressSpaceCap();
 
-struct HeaderFields {
-  std::uint32_t tag = 7;
-  float height_base = -4.0f;
-  float aux_value_base = 0.0f;
-  double reference[3] = {1.0, 2.0, 3.0};
-  std::uint32_t body_size = 0;
-  std::int32_t rows = 2;
-  std::int32_t cols = 3;
-  std::int32_t offset_y = 0;
-  std::int32_t offset_x = 0;
+ private:
+  bool active_ = false;
+  unsigned long long previous_soft_ = 0;
 };
-Bytes headerBytes(const HeaderFields& h);  // the 61 header bytes
-// Appends a 22-byte record for `position`, every other byte `fill`.
-void appendRecord(Bytes* file, std::uint32_t position, unsigned char fill = 0x11);
+
+// Runs `f` under an AddressSpaceCap of `bytes`; returns its result.
+template <typename F>
+auto withinMemory(std::size_t bytes, F&& f) -> decltype(f()) {
+  AddressSpaceCap cap(bytes);
+  return f();
+}
 
 // Runs `f` with standard output captured into `*out`; returns its result.
 template <typename F>

@@ -10,15 +10,15 @@
 //   - height means are (float)q * 0.01f + height_base, aux_value likewise
 //     from aux_value_base (the addition a separate f32 operation);
 //   - weights are w0 = (float)(b / 255.0) and w1 = 1.0f - w0 for a byte b.
-#ifndef ZORVANE_TOOLS_MAPGEN_SYNTHETIC_MAP_H_
-#define ZORVANE_TOOLS_MAPGEN_SYNTHETIC_MAP_H_
+#ifndef ZORVANE_TESTS_SUPPORT_SYNTHETIC_MAP_H_
+#define ZORVANE_TESTS_SUPPORT_SYNTHETIC_MAP_H_
 
 #include <cstdint>
 
 #include "localization/grid_matrix.h"
 
 namespace zorvane {
-namespace tools {
+namespace testing {
 
 struct SyntheticMap {
   // Raw form (precalculated_ false), geometry set through manualInit with
@@ -39,7 +39,7 @@ struct SyntheticMap {
 // positions and no cells.
 SyntheticMap makeSyntheticMap(int cols, int rows, std::uint64_t seed);
 
-}  // namespace tools
+}  // namespace testing
 }  // namespace zorvane
 
-#endif  // ZORVANE_TOOLS_MAPGEN_SYNTHETIC_MAP_H_
+#endif  // ZORVANE_TESTS_SUPPORT_SYNTHETIC_MAP_H_

@@ -1,4 +1,7 @@
-// The zvmap file layout and its quantisation rules.
+// The zvmap file format: layout, quantisation rules and the bounds a file
+// must keep. This is the one place that defines what the bytes of a map
+// file mean; the map class (grid_map_lossy.h) and the record loops
+// (lossy_body.h) only apply it.
 //
 // A zvmap file is a 61-byte header followed by one 22-byte record per
 // occupied grid position, in increasing flat position:
@@ -17,11 +20,16 @@
 //          57  i32 offset_x                21  u8  height weights (weight rule)
 //
 // All multi-byte fields are little-endian and unaligned (little_endian.h).
-// The rules below are exact to the bit: every intermediate is stated as
-// single or double precision, and the library is built without contraction
-// of multiply-adds.
-#ifndef ZORVANE_LOCALIZATION_LOSSY_CODEC_H_
-#define ZORVANE_LOCALIZATION_LOSSY_CODEC_H_
+// The rules are exact to the bit: every intermediate is single or double
+// precision as written, and the library is built without contraction of
+// multiply-adds. The full description, with a worked example, is
+// docs/zvmap-format.md.
+//
+// The record rules are defined inline here because the loader and the
+// writer apply them once per record of files with tens of millions of
+// records.
+#ifndef ZORVANE_LOCALIZATION_LOSSY_FORMAT_H_
+#define ZORVANE_LOCALIZATION_LOSSY_FORMAT_H_
 
 #include <cstdint>
 
@@ -31,6 +39,8 @@
 namespace zorvane {
 namespace localization {
 namespace lossy {
+
+// --- Sizes and offsets. ---
 
 constexpr char kMagic[5] = {'z', 'v', 'm', 'a', 'p'};
 constexpr int kMagicBytes = 5;
@@ -42,7 +52,6 @@ constexpr int kGeometryBytes = 16;
 constexpr int kHeaderBytes = kHeaderFieldBytes + kGeometryBytes;  // 61
 constexpr int kRecordBytes = 22;
 
-// Header field offsets.
 constexpr int kTagOffset = 5;
 constexpr int kHeightBaseOffset = 9;
 constexpr int kAuxBaseOffset = 13;
@@ -52,6 +61,17 @@ constexpr int kRowsOffset = 45;
 constexpr int kColsOffset = 49;
 constexpr int kOffsetYOffset = 53;
 constexpr int kOffsetXOffset = 57;
+
+constexpr int kRecordPositionOffset = 0;
+constexpr int kRecordAuxOffset = 4;
+constexpr int kRecordValueMeanOffset = 6;      // two u8
+constexpr int kRecordValueSigmaOffset = 8;     // two u16
+constexpr int kRecordValueWeightOffset = 12;   // one u8
+constexpr int kRecordHeightMeanOffset = 13;    // two u16
+constexpr int kRecordHeightSigmaOffset = 17;   // two u16
+constexpr int kRecordHeightWeightOffset = 21;  // one u8
+
+// --- Bounds. ---
 
 // Byte counts and file lengths are signed 32-bit, which bounds a map to
 // (2^31 - 1 - 61) / 22 cells and a file to 61 + 22 * that many bytes.
@@ -72,6 +92,41 @@ static_assert(kMaxCells == 97612890, "cell bound of the signed 32-bit lengths");
 constexpr std::uint64_t kFreeGridPositions = std::uint64_t{1} << 24;
 constexpr std::uint64_t kPositionsPerCell = 256;
 constexpr std::uint64_t kMaxGridPositions = std::uint64_t{1} << 30;
+
+// True when a `rows` x `cols` grid holding `records` cells is one a file
+// may declare: both extents non-negative, their product equal to
+// `grid_size` (no 32-bit wrap), and within the bounds above.
+bool isLoadableGeometry(std::int32_t rows, std::int32_t cols, std::uint32_t grid_size,
+                        std::uint64_t records);
+
+// --- Header. ---
+
+// The header's fields, in file order.
+struct Header {
+  std::uint32_t tag = 0;
+  float height_base = 0.f;
+  float aux_value_base = 0.f;
+  double reference[3] = {0.0, 0.0, 0.0};
+  std::uint32_t body_bytes = 0;
+  std::int32_t rows = 0;
+  std::int32_t cols = 0;
+  std::int32_t offset_y = 0;
+  std::int32_t offset_x = 0;
+};
+
+// Writes the 61 header bytes at `dst`, which holds at least kHeaderBytes.
+void encodeHeader(const Header& header, char* dst);
+
+// False, leaving `*header` unchanged, unless `src` starts with the magic.
+// Otherwise reads the 61 bytes at `src` into `*header`, each field from its
+// raw bits. `src` holds at least kHeaderBytes.
+bool decodeHeader(const char* src, Header* header);
+
+// True when the declared body holds whole records only. The loader accepts
+// a body size that is not (with a warning) and reads its whole records.
+inline bool bodyIsWholeRecords(const Header& header) {
+  return header.body_bytes % kRecordBytes == 0;
+}
 
 // --- Step rule: sigmas (no origin), height means and aux_value (origin). ---
 
@@ -157,42 +212,54 @@ struct CellScales {
 inline void encodeCellRecord(char* dst, std::uint32_t position, const MCell& cell,
                              const CellScales& s) {
   using internal::encodeFixed16;
-  internal::encodeFixed32(dst + 0, position);
-  encodeFixed16(dst + 4, encodeStep(cell.aux_value, s.aux_value_base, s.aux_value_step));
-  dst[6] = static_cast<char>(encodeWhole(cell.value_mean[0]));
-  dst[7] = static_cast<char>(encodeWhole(cell.value_mean[1]));
-  encodeFixed16(dst + 8, encodeStep(cell.value_sigma[0], s.value_sigma_step));
-  encodeFixed16(dst + 10, encodeStep(cell.value_sigma[1], s.value_sigma_step));
-  dst[12] = static_cast<char>(encodeWeight(cell.value_weight[0], cell.value_weight[1]));
-  encodeFixed16(dst + 13, encodeStep(cell.height_mean[0], s.height_base, s.height_mean_step));
-  encodeFixed16(dst + 15, encodeStep(cell.height_mean[1], s.height_base, s.height_mean_step));
-  encodeFixed16(dst + 17, encodeStep(cell.height_sigma[0], s.height_sigma_step));
-  encodeFixed16(dst + 19, encodeStep(cell.height_sigma[1], s.height_sigma_step));
-  dst[21] = static_cast<char>(encodeWeight(cell.height_weight[0], cell.height_weight[1]));
+  internal::encodeFixed32(dst + kRecordPositionOffset, position);
+  encodeFixed16(dst + kRecordAuxOffset, encodeStep(cell.aux_value, s.aux_value_base, s.aux_value_step));
+  dst[kRecordValueMeanOffset + 0] = static_cast<char>(encodeWhole(cell.value_mean[0]));
+  dst[kRecordValueMeanOffset + 1] = static_cast<char>(encodeWhole(cell.value_mean[1]));
+  encodeFixed16(dst + kRecordValueSigmaOffset + 0, encodeStep(cell.value_sigma[0], s.value_sigma_step));
+  encodeFixed16(dst + kRecordValueSigmaOffset + 2, encodeStep(cell.value_sigma[1], s.value_sigma_step));
+  dst[kRecordValueWeightOffset] =
+      static_cast<char>(encodeWeight(cell.value_weight[0], cell.value_weight[1]));
+  encodeFixed16(dst + kRecordHeightMeanOffset + 0,
+                encodeStep(cell.height_mean[0], s.height_base, s.height_mean_step));
+  encodeFixed16(dst + kRecordHeightMeanOffset + 2,
+                encodeStep(cell.height_mean[1], s.height_base, s.height_mean_step));
+  encodeFixed16(dst + kRecordHeightSigmaOffset + 0,
+                encodeStep(cell.height_sigma[0], s.height_sigma_step));
+  encodeFixed16(dst + kRecordHeightSigmaOffset + 2,
+                encodeStep(cell.height_sigma[1], s.height_sigma_step));
+  dst[kRecordHeightWeightOffset] =
+      static_cast<char>(encodeWeight(cell.height_weight[0], cell.height_weight[1]));
 }
 
-inline std::uint32_t recordPosition(const char* src) { return internal::decodeFixed32(src); }
+inline std::uint32_t decodeRecordPosition(const char* src) {
+  return internal::decodeFixed32(src + kRecordPositionOffset);
+}
 
 // Sets the thirteen floats of `cell` from the record at `src`; the padding
 // bytes of the cell are left alone.
 inline void decodeCellRecord(const char* src, const CellScales& s, MCell* cell) {
   using internal::decodeFixed16;
   const auto* u = reinterpret_cast<const unsigned char*>(src);
-  cell->aux_value = decodeStep(decodeFixed16(src + 4), s.aux_value_base, s.aux_value_step);
-  cell->value_mean[0] = decodeWhole(u[6]);
-  cell->value_mean[1] = decodeWhole(u[7]);
-  cell->value_sigma[0] = decodeStep(decodeFixed16(src + 8), s.value_sigma_step);
-  cell->value_sigma[1] = decodeStep(decodeFixed16(src + 10), s.value_sigma_step);
-  decodeWeight(u[12], &cell->value_weight[0], &cell->value_weight[1]);
-  cell->height_mean[0] = decodeStep(decodeFixed16(src + 13), s.height_base, s.height_mean_step);
-  cell->height_mean[1] = decodeStep(decodeFixed16(src + 15), s.height_base, s.height_mean_step);
-  cell->height_sigma[0] = decodeStep(decodeFixed16(src + 17), s.height_sigma_step);
-  cell->height_sigma[1] = decodeStep(decodeFixed16(src + 19), s.height_sigma_step);
-  decodeWeight(u[21], &cell->height_weight[0], &cell->height_weight[1]);
+  cell->aux_value = decodeStep(decodeFixed16(src + kRecordAuxOffset), s.aux_value_base, s.aux_value_step);
+  cell->value_mean[0] = decodeWhole(u[kRecordValueMeanOffset + 0]);
+  cell->value_mean[1] = decodeWhole(u[kRecordValueMeanOffset + 1]);
+  cell->value_sigma[0] = decodeStep(decodeFixed16(src + kRecordValueSigmaOffset + 0), s.value_sigma_step);
+  cell->value_sigma[1] = decodeStep(decodeFixed16(src + kRecordValueSigmaOffset + 2), s.value_sigma_step);
+  decodeWeight(u[kRecordValueWeightOffset], &cell->value_weight[0], &cell->value_weight[1]);
+  cell->height_mean[0] =
+      decodeStep(decodeFixed16(src + kRecordHeightMeanOffset + 0), s.height_base, s.height_mean_step);
+  cell->height_mean[1] =
+      decodeStep(decodeFixed16(src + kRecordHeightMeanOffset + 2), s.height_base, s.height_mean_step);
+  cell->height_sigma[0] =
+      decodeStep(decodeFixed16(src + kRecordHeightSigmaOffset + 0), s.height_sigma_step);
+  cell->height_sigma[1] =
+      decodeStep(decodeFixed16(src + kRecordHeightSigmaOffset + 2), s.height_sigma_step);
+  decodeWeight(u[kRecordHeightWeightOffset], &cell->height_weight[0], &cell->height_weight[1]);
 }
 
 }  // namespace lossy
 }  // namespace localization
 }  // namespace zorvane
 
-#endif  // ZORVANE_LOCALIZATION_LOSSY_CODEC_H_
+#endif  // ZORVANE_LOCALIZATION_LOSSY_FORMAT_H_

@@ -1,4 +1,4 @@
-#include "tools/mapgen/synthetic_map.h"
+#include "tests/support/synthetic_map.h"
 
 #include <omp.h>
 
@@ -7,8 +7,10 @@
 #include <cstddef>
 #include <vector>
 
+#include "localization/lossy_format.h"
+
 namespace zorvane {
-namespace tools {
+namespace testing {
 namespace {
 
 using localization::MCell;
@@ -122,22 +124,21 @@ constexpr float kStep = 0.01f;
 constexpr float kHeightBase = -4.0f;
 constexpr float kAuxBase = 0.0f;
 
-// The lossy file's step rule, reading side: q * step, then + origin.
+// v rounded onto the file's grid of steps from `origin`, and read back by
+// the file's own step rule.
 inline float onStep(double v, float origin) {
   double q = std::nearbyint((v - static_cast<double>(origin)) / 0.01);
   q = std::min(65535.0, std::max(0.0, q));
-  const float scaled = static_cast<float>(q) * kStep;
-  return scaled + origin;
+  return localization::lossy::decodeStep(static_cast<std::uint16_t>(q), origin, kStep);
 }
 
 inline float onWholeNumber(double v) {
   return static_cast<float>(std::min(200.0, std::max(5.0, std::nearbyint(v))));
 }
 
-// The weight rule, reading side.
+// A weight byte read back by the file's own weight rule.
 inline void onWeights(int b, float* w) {
-  w[0] = static_cast<float>(b / 255.0);
-  w[1] = 1.0f - w[0];
+  localization::lossy::decodeWeight(static_cast<std::uint8_t>(b), &w[0], &w[1]);
 }
 
 struct Scene {
@@ -327,5 +328,5 @@ SyntheticMap makeSyntheticMap(int cols, int rows, std::uint64_t seed) {
   return out;
 }
 
-}  // namespace tools
+}  // namespace testing
 }  // namespace zorvane

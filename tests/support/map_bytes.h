@@ -1,0 +1,48 @@
+// Bytes of zvmap files for tests, benchmarks and fuzz targets: the example
+// map and its 83-byte file, hand-built headers and records.
+#ifndef ZORVANE_TESTS_SUPPORT_MAP_BYTES_H_
+#define ZORVANE_TESTS_SUPPORT_MAP_BYTES_H_
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "localization/grid_map_lossy.h"
+
+namespace zorvane {
+namespace testing {
+
+using Bytes = std::vector<char>;
+
+inline std::uint32_t bits(float f) {
+  std::uint32_t u;
+  std::memcpy(&u, &f, sizeof u);
+  return u;
+}
+
+// The example map: tag 1, height origin -2.5, aux origin 0, references 100,
+// 200, 0, a 3 x 2 grid (offsets x -1, y 4) with exampleCell() at flat
+// position 4; and its 83-byte file.
+localization::MCell exampleCell();
+void fillExampleMap(localization::GridMapLossy* map);
+Bytes exampleFileBytes();
+
+struct HeaderFields {
+  std::uint32_t tag = 7;
+  float height_base = -4.0f;
+  float aux_value_base = 0.0f;
+  double reference[3] = {1.0, 2.0, 3.0};
+  std::uint32_t body_size = 0;
+  std::int32_t rows = 2;
+  std::int32_t cols = 3;
+  std::int32_t offset_y = 0;
+  std::int32_t offset_x = 0;
+};
+Bytes headerBytes(const HeaderFields& h);  // the 61 header bytes
+// Appends a 22-byte record for `position`, every other byte `fill`.
+void appendRecord(Bytes* file, std::uint32_t position, unsigned char fill = 0x11);
+
+}  // namespace testing
+}  // namespace zorvane
+
+#endif  // ZORVANE_TESTS_SUPPORT_MAP_BYTES_H_
