@@ -9,6 +9,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include "localization/map_load_status.h"
 #include "python/src/map_arrays.h"
 
 namespace zorvane {
@@ -21,29 +22,8 @@ namespace {
 
 // The library's load and save, each behind one function so that the module
 // follows the library's own file operations with one edit each.
-//
-// Until the library's silent loader (GridMapLossy::load with its
-// MapLoadStatus) is available: ReadFromFile, whose console lines go to
-// standard output, and whose failures other than an unreadable file are
-// reported without the library's reason.
-struct LoadOutcome {
-  bool ok = false;
-  bool cannot_read = false;
-  bool partial_record = false;
-  std::string reason;
-};
-
-LoadOutcome loadSilently(GridMapLossy* map, const std::string& path, bool prepare) {
-  LoadOutcome outcome;
-  (void)prepare;
-  outcome.ok = map->ReadFromFile(path);
-  if (!outcome.ok) {
-    struct stat st;
-    outcome.cannot_read = ::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
-                          ::access(path.c_str(), R_OK) != 0;
-    outcome.reason = "not a loadable zvmap file";
-  }
-  return outcome;
+localization::MapLoadResult loadSilently(GridMapLossy* map, const std::string& path, bool prepare) {
+  return map->load(path, prepare);
 }
 
 // Until the library's durable save is available: saveToFile, which prints
@@ -91,13 +71,16 @@ SaveOutcome saveSilently(GridMapLossy* map, const std::string& path) {
 
 std::unique_ptr<GridMapLossy> readMap(const std::string& path, bool prepare) {
   auto map = std::make_unique<GridMapLossy>();
-  LoadOutcome outcome;
+  localization::MapLoadResult outcome;
   {
     py::gil_scoped_release unlocked;
     outcome = loadSilently(map.get(), path, prepare);
   }
-  if (outcome.cannot_read) raiseCannotRead(path);
-  if (!outcome.ok) throw py::value_error("cannot load map file '" + path + "': " + outcome.reason);
+  if (outcome.status == localization::MapLoadStatus::kCannotRead) raiseCannotRead(path);
+  if (!outcome.ok()) {
+    throw py::value_error("cannot load map file '" + path +
+                          "': " + localization::describeLoadStatus(outcome.status));
+  }
   if (outcome.partial_record) {
     const std::string warning = "map file '" + path +
                                 "': body size is not a multiple of 22; its whole records were read";

@@ -45,6 +45,8 @@ def _as_cells(cells):
             f"({', '.join(CELL_DTYPE.names)}); got dtype {arr.dtype}")
     if arr.ndim != 1:
         raise ValueError(f"cells must be a 1-D array; got shape {arr.shape}")
+    if len(arr) > MAX_CELLS:
+        raise ValueError(f"{len(arr)} cells are more than the {MAX_CELLS} a map file can hold")
     if arr.dtype == CELL_DTYPE:
         return np.ascontiguousarray(arr)
     missing = [n for n in CELL_DTYPE.names if n not in arr.dtype.names]
@@ -73,10 +75,11 @@ def _as_index(index):
         raise ValueError(f"index must be a 2-D (rows, cols) array; got shape {arr.shape}")
     if arr.dtype.kind not in "iu":
         raise ValueError(f"index must be an integer array; got dtype {arr.dtype}")
-    if arr.size and arr.dtype.itemsize >= 4 and (arr.min() < -1 or arr.max() > _INT32.max):
+    if arr.size and arr.dtype.itemsize >= 4:
         low, high = int(arr.min()), int(arr.max())
-        bad = low if low < -1 else high
-        raise ValueError(f"index entry {bad} is not a cell number or -1")
+        if low < _INT32.min or high > _INT32.max:
+            bad = low if low < _INT32.min else high
+            raise ValueError(f"index entry {bad} is not a cell number or -1")
     return np.ascontiguousarray(arr, dtype=np.int32)
 
 
