@@ -7,11 +7,13 @@
 #include <cstdint>
 #include <string>
 
+#include "localization/lossy_format.h"
+
 namespace zorvane {
 namespace python {
 
 // The most cells a map file can hold (its lengths are signed 32-bit).
-constexpr std::int64_t kMaxMapCells = 97612890;
+constexpr std::int64_t kMaxMapCells = localization::lossy::kMaxCells;
 
 // Checks a row-major index of `rows` x `cols` entries against `cells` cells:
 // every entry is -1 or a cell number below `cells`, and each cell is named

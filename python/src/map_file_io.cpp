@@ -9,6 +9,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include "localization/lossy_format.h"
 #include "localization/map_load_status.h"
 #include "python/src/map_arrays.h"
 
@@ -104,6 +105,12 @@ void saveMap(GridMapLossy& map, const std::string& path) {
   }
   const std::string problem = checkCellIndex(m.index_.data(), m.rows_, m.cols_, cells);
   if (!problem.empty()) throw py::value_error(prefix + problem);
+  if (!localization::lossy::isLoadableGeometry(m.rows_, m.cols_, m.grid_size_,
+                                               static_cast<std::uint64_t>(cells))) {
+    throw py::value_error(prefix + "a grid of " + std::to_string(m.rows_) + " x " +
+                          std::to_string(m.cols_) + " positions is too large for " +
+                          std::to_string(cells) + " cells to be read back");
+  }
 
   SaveOutcome outcome;
   {

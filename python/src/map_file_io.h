@@ -15,9 +15,10 @@ namespace python {
 // are brought into prepared form, as the map server uses them. Prints
 // nothing. The GIL is released while the file is read and decoded.
 // Raises:
-//  - OSError when the file cannot be read (with the errno of the failure
-//    where there is one, so FileNotFoundError, IsADirectoryError,
-//    PermissionError), naming the path;
+//  - OSError when the file cannot be read: missing, unreadable, a directory,
+//    a pipe or a device (with the errno of the failure where there is one,
+//    so FileNotFoundError, IsADirectoryError, PermissionError), naming the
+//    path;
 //  - ValueError "cannot load map file '<path>': <reason>" when it is not a
 //    loadable map file.
 // A body size that is not a multiple of 22 whose whole records make up the
@@ -28,7 +29,8 @@ std::unique_ptr<localization::GridMapLossy> readMap(const std::string& path, boo
 // with their prepared numbers). The GIL is released while the file is
 // written. Raises ValueError when the map has no file form (no cells, more
 // cells than a file holds, an index that does not name every cell exactly
-// once) and OSError when the file cannot be written, each naming the path.
+// once, a grid too large for its cells to be read back) and OSError when
+// the file cannot be written, each naming the path.
 void saveMap(localization::GridMapLossy& map, const std::string& path);
 
 }  // namespace python

@@ -115,3 +115,15 @@ def test_header_values_set_from_python_reach_the_file(tmp_path):
     m.save(path)
     back = zorvane.Map.read(path)
     assert (back.tag, back.reference, back.offset_x) == (2**32 - 1, (-1.0, math.inf, 0.5), 9)
+
+
+def test_save_refuses_a_grid_the_reader_would_refuse(tmp_path):
+    # 2^24 + 256 positions are the most one cell may have.
+    index = np.full((257, 65537), -1, np.int32)
+    index[0, 0] = 0
+    m = zorvane.Map.from_arrays(example_map().cells, index)
+    with pytest.raises(ValueError, match="too large for 1 cells"):
+        m.save(tmp_path / "m.zvmap")
+    m = zorvane.Map.from_arrays(example_map().cells, index[:256])
+    m.save(tmp_path / "m.zvmap")
+    assert zorvane.Map.read(tmp_path / "m.zvmap").rows == 256
