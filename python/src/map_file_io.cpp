@@ -23,7 +23,7 @@ namespace {
 
 // The library's load and save, each behind one function so that the module
 // follows the library's own file operations with one edit each.
-localization::MapLoadResult loadSilently(GridMapLossy* map, const std::string& path, bool prepare) {
+localization::MapLoadResult loadWithLibrary(GridMapLossy* map, const std::string& path, bool prepare) {
   return map->load(path, prepare);
 }
 
@@ -34,7 +34,7 @@ struct SaveOutcome {
   std::string error;
 };
 
-SaveOutcome saveSilently(GridMapLossy* map, const std::string& path) {
+SaveOutcome saveWithLibrary(GridMapLossy* map, const std::string& path) {
   SaveOutcome outcome;
   errno = 0;
   outcome.ok = map->saveToFile(path);
@@ -75,7 +75,7 @@ std::unique_ptr<GridMapLossy> readMap(const std::string& path, bool prepare) {
   localization::MapLoadResult outcome;
   {
     py::gil_scoped_release unlocked;
-    outcome = loadSilently(map.get(), path, prepare);
+    outcome = loadWithLibrary(map.get(), path, prepare);
   }
   if (outcome.status == localization::MapLoadStatus::kCannotRead) raiseCannotRead(path);
   if (!outcome.ok()) {
@@ -115,7 +115,7 @@ void saveMap(GridMapLossy& map, const std::string& path) {
   SaveOutcome outcome;
   {
     py::gil_scoped_release unlocked;
-    outcome = saveSilently(&map, path);
+    outcome = saveWithLibrary(&map, path);
   }
   if (!outcome.ok) raiseOSError(prefix + outcome.error);
 }
