@@ -25,8 +25,6 @@ inline float* sigmaField(MCell& cell, int i) {
 }  // namespace
 
 GridMatrixBase::~GridMatrixBase() = default;
-GridMatrixTable::~GridMatrixTable() = default;
-GridMatrix::~GridMatrix() = default;
 
 void GridMatrixBase::manualInit(const float& resolution, const int& cols, const int& rows,
                                 const int& offset_x, const int& offset_y) {

@@ -50,14 +50,15 @@ struct MCell {
 
 static_assert(sizeof(MCell) == 64, "MCell is a 64-byte GPU record");
 static_assert(std::is_trivially_copyable<MCell>::value, "MCell arrays are moved as bytes");
-static_assert(offsetof(MCell, value_sigma) == 0, "MCell layout");
-static_assert(offsetof(MCell, value_mean) == 8, "MCell layout");
-static_assert(offsetof(MCell, value_weight) == 16, "MCell layout");
-static_assert(offsetof(MCell, height_sigma) == 24, "MCell layout");
-static_assert(offsetof(MCell, height_mean) == 32, "MCell layout");
-static_assert(offsetof(MCell, height_weight) == 40, "MCell layout");
-static_assert(offsetof(MCell, aux_value) == 48, "MCell layout");
-static_assert(offsetof(MCell, unused_) == 52, "MCell layout");
+static_assert(offsetof(MCell, value_sigma) == 0 &&
+                  offsetof(MCell, value_mean) == 8 &&
+                  offsetof(MCell, value_weight) == 16 &&
+                  offsetof(MCell, height_sigma) == 24 &&
+                  offsetof(MCell, height_mean) == 32 &&
+                  offsetof(MCell, height_weight) == 40 &&
+                  offsetof(MCell, aux_value) == 48 &&
+                  offsetof(MCell, unused_) == 52,
+              "MCell layout: the GPU matcher reads these offsets");
 
 // Geometry shared by the full-resolution matrix and by look-up tables.
 // Matrix column x is map-wide column x - offset_x_, matrix row y is map-wide
@@ -101,12 +102,13 @@ struct MCellCoarse {
 
 static_assert(sizeof(MCellCoarse) == 16, "MCellCoarse is a 16-byte GPU record");
 static_assert(std::is_trivially_copyable<MCellCoarse>::value, "MCellCoarse arrays are moved as bytes");
-static_assert(offsetof(MCellCoarse, value_bins) == 0, "MCellCoarse layout");
-static_assert(offsetof(MCellCoarse, value_first) == 2, "MCellCoarse layout");
-static_assert(offsetof(MCellCoarse, value_offset) == 4, "MCellCoarse layout");
-static_assert(offsetof(MCellCoarse, height_bins) == 8, "MCellCoarse layout");
-static_assert(offsetof(MCellCoarse, height_first) == 10, "MCellCoarse layout");
-static_assert(offsetof(MCellCoarse, height_offset) == 12, "MCellCoarse layout");
+static_assert(offsetof(MCellCoarse, value_bins) == 0 &&
+                  offsetof(MCellCoarse, value_first) == 2 &&
+                  offsetof(MCellCoarse, value_offset) == 4 &&
+                  offsetof(MCellCoarse, height_bins) == 8 &&
+                  offsetof(MCellCoarse, height_first) == 10 &&
+                  offsetof(MCellCoarse, height_offset) == 12,
+              "MCellCoarse layout: the GPU matcher reads these offsets");
 
 // A sub-sampled look-up table: per coarse position (a block of f x f grid
 // positions) one histogram of log-probabilities per axis. The geometry
@@ -114,16 +116,11 @@ static_assert(offsetof(MCellCoarse, height_offset) == 12, "MCellCoarse layout");
 // stored value of a bin is ln(prob_scale_ * P + prob_floor_), P being the
 // bin's share of the block's Gaussian mass.
 //
-// Copyable and movable: a table returned by GridMatrix::getLookUpTable or
-// stored in a map's cache moves its three sequences instead of copying them.
+// Copyable and movable (the base declares both): a table returned by
+// GridMatrix::getLookUpTable or stored in a map's cache moves its three
+// sequences instead of copying them.
 class GridMatrixTable : public GridMatrixBase {
  public:
-  GridMatrixTable() = default;
-  GridMatrixTable(const GridMatrixTable&) = default;
-  GridMatrixTable(GridMatrixTable&&) noexcept = default;
-  GridMatrixTable& operator=(const GridMatrixTable&) = default;
-  GridMatrixTable& operator=(GridMatrixTable&&) noexcept = default;
-  ~GridMatrixTable() override;
 
   // Bin widths. A default-constructed (empty) table holds 0 in both.
   float height_step_ = 0.f;
@@ -143,12 +140,6 @@ class GridMatrixTable : public GridMatrixBase {
 // cell is in prepared form.
 class GridMatrix : public GridMatrixBase {
  public:
-  GridMatrix() = default;
-  GridMatrix(const GridMatrix&) = default;
-  GridMatrix(GridMatrix&&) noexcept = default;
-  GridMatrix& operator=(const GridMatrix&) = default;
-  GridMatrix& operator=(GridMatrix&&) noexcept = default;
-  ~GridMatrix() override;
 
   // Brings every cell from raw into prepared form, once, in one parallel
   // pass (OpenMP, default team, cells split by staticSplit). Per component,

@@ -61,31 +61,21 @@ inline std::int32_t decodeInt32(const char* src) {
   return static_cast<std::int32_t>(decodeFixed32(src));
 }
 
-// IEEE 754 values travel as their raw bits: NaN payloads, signed zeros and
-// infinities survive a round trip unchanged.
-inline void encodeFloat32(char* dst, float value) {
-  std::uint32_t bits;
-  std::memcpy(&bits, &value, sizeof bits);
-  encodeFixed32(dst, bits);
-}
-inline float decodeFloat32(const char* src) {
-  const std::uint32_t bits = decodeFixed32(src);
-  float value;
-  std::memcpy(&value, &bits, sizeof value);
-  return value;
+// The same bits seen as another type of the same size.
+template <class To, class From>
+inline To bitCast(From from) {
+  static_assert(sizeof(To) == sizeof(From), "bitCast keeps the size");
+  To to;
+  std::memcpy(&to, &from, sizeof to);
+  return to;
 }
 
-inline void encodeFloat64(char* dst, double value) {
-  std::uint64_t bits;
-  std::memcpy(&bits, &value, sizeof bits);
-  encodeFixed64(dst, bits);
-}
-inline double decodeFloat64(const char* src) {
-  const std::uint64_t bits = decodeFixed64(src);
-  double value;
-  std::memcpy(&value, &bits, sizeof value);
-  return value;
-}
+// IEEE 754 values travel as their raw bits: NaN payloads, signed zeros and
+// infinities survive a round trip unchanged.
+inline void encodeFloat32(char* dst, float value) { encodeFixed32(dst, bitCast<std::uint32_t>(value)); }
+inline float decodeFloat32(const char* src) { return bitCast<float>(decodeFixed32(src)); }
+inline void encodeFloat64(char* dst, double value) { encodeFixed64(dst, bitCast<std::uint64_t>(value)); }
+inline double decodeFloat64(const char* src) { return bitCast<double>(decodeFixed64(src)); }
 
 }  // namespace internal
 }  // namespace localization

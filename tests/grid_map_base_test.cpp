@@ -1,5 +1,5 @@
-// GridMapBase: initial values to the bit, and the rules of the table cache,
-// including the end of the process on a missing level.
+// GridMapBase: the rules of the table cache, including the end of the
+// process on a missing level.
 #include "localization/grid_map_base.h"
 
 #include <gtest/gtest.h>
@@ -39,22 +39,6 @@ bool sameTable(const GridMatrixTable& a, const GridMatrixTable& b) {
          bits(a.resolution_) == bits(b.resolution_) && bits(a.height_step_) == bits(b.height_step_) &&
          bits(a.value_step_) == bits(b.value_step_) && sameVector(a.value_table_, b.value_table_) &&
          sameVector(a.height_table_, b.height_table_) && sameVector(a.coarse_cells_, b.coarse_cells_);
-}
-
-TEST(GridMapBaseTest, ConstructsWithTheInitialValuesToTheBit) {
-  GridMapLossy map;
-  const GridMapBase& base = map;
-  EXPECT_EQ((std::vector<std::uint32_t>{bits(base.value_step_), bits(base.height_step_),
-                                         base.header_tag_, base.body_size_, bits(base.height_base_),
-                                         bits(base.aux_value_base_)}),
-            (std::vector<std::uint32_t>{0x3f800000u, 0x3e19999au, 0, 0, 0x7f800000u, 0x7f800000u}));
-  std::uint64_t refs[3];
-  std::memcpy(refs, base.reference_, sizeof refs);
-  for (std::uint64_t u : refs) EXPECT_EQ(u, 0x7ff0000000000000ull);
-  EXPECT_TRUE(base.matrix_tables_.empty());
-  EXPECT_EQ(&base.matrix(), &map.mutable_matrix());
-  EXPECT_EQ(base.matrix().grid_size_, 0u);
-  EXPECT_TRUE(base.matrix().index_.empty());
 }
 
 TEST(GridMapBaseCacheTest, GenerateBuildsWithTheMapsStepsOnce) {

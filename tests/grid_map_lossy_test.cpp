@@ -4,7 +4,6 @@
 #include "localization/grid_map_lossy.h"
 
 #include <gtest/gtest.h>
-#include <omp.h>
 
 #include <algorithm>
 #include <cmath>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "tests/support/map_files.h"
+#include "tests/support/team_size.h"
 #include "tests/support/synthetic_map.h"
 
 namespace zorvane {
@@ -44,7 +44,7 @@ bool decode(GridMapLossy& map, Bytes& buf, int body) {
 
 Bytes withRecords(HeaderFields h, const std::vector<std::uint32_t>& positions,
                   const std::vector<unsigned char>& fills = {}) {
-  h.body_size = static_cast<std::uint32_t>(22 * positions.size());
+  h.body_bytes = static_cast<std::uint32_t>(22 * positions.size());
   Bytes file = headerBytes(h);
   for (std::size_t i = 0; i < positions.size(); ++i) {
     appendRecord(&file, positions[i], fills.empty() ? 0x11 : fills[i]);
@@ -146,16 +146,14 @@ TEST(GridMapLossyCodecTest, DuplicatePositionsNameTheLaterRecord) {
   positions.push_back(3);
   const std::string path = tempMapPath("late_duplicate.zvmap");
   writeFileBytes(path, withRecords(h, positions));
-  const int threads = omp_get_max_threads();
   for (int team : {1, 2, 4}) {
-    omp_set_num_threads(team);
+    ScopedTeamSize scoped(team);
     GridMapLossy loaded;
     std::string out;
     ASSERT_TRUE(readCapturing(loaded, path, &out));
     const GridMatrix& m = loaded.matrix();
     EXPECT_EQ((Index{m.index_[3], m.index_[4], m.index_[20000]}), (Index{20000, 4, -1})) << team;
   }
-  omp_set_num_threads(threads);
 }
 
 // Cells go out in position order and come back renumbered; a map's initial
@@ -304,7 +302,8 @@ TEST(GridMapLossyReadTest, SecondLoadLeavesNoTraceOfTheFirst) {
 
 // A synthetic map of several load chunks: its cells lie on the quantisation
 // grid, so a save and load gives them back bit for bit, in prepared form,
-// whatever the team size, and through a subclass (raw cells, then runPreCalc).
+// whatever the team size, through a subclass (raw cells, then runPreCalc)
+// and through the silent load, which also gives the raw cells on request.
 TEST(GridMapLossyRoundTripTest, SyntheticMapComesBackExactlyForAnyTeamAndASubclass) {
   testing::SyntheticMap synthetic = testing::makeSyntheticMap(300, 200, 5);
   GridMapLossy map;
@@ -323,10 +322,9 @@ TEST(GridMapLossyRoundTripTest, SyntheticMapComesBackExactlyForAnyTeamAndASubcla
   GridMatrix expected = synthetic.matrix;
   expected.runPreCalc();
   class StepByStep : public GridMapLossy {};
-  const int threads = omp_get_max_threads();
   for (int team : {1, 2, 3, 7}) {
     SCOPED_TRACE(team);
-    omp_set_num_threads(team);
+    ScopedTeamSize scoped(team);
     GridMapLossy back;
     StepByStep sub;
     EXPECT_TRUE(readCapturing(back, path, &out));
@@ -334,12 +332,18 @@ TEST(GridMapLossyRoundTripTest, SyntheticMapComesBackExactlyForAnyTeamAndASubcla
     EXPECT_TRUE(sameMatrix(back.matrix(), expected));
     EXPECT_TRUE(readCapturing(sub, path, &out));
     EXPECT_TRUE(sameMatrix(sub.matrix(), expected));
+    // The silent load gives the same map, or the raw cells as written.
+    GridMapLossy silent, raw;
+    EXPECT_TRUE(capturing(&out, [&] { return silent.load(path).ok(); }));
+    EXPECT_TRUE(capturing(&out, [&] { return raw.load(path, /*prepare=*/false).ok(); }));
+    EXPECT_EQ(out, "");
+    EXPECT_TRUE(sameMatrix(silent.matrix(), expected));
+    EXPECT_TRUE(sameMatrix(raw.matrix(), synthetic.matrix));
     EXPECT_EQ(back.header_tag_, 3u);
     EXPECT_EQ(bits(back.height_base_), bits(synthetic.height_base));
     EXPECT_EQ(back.reference_[0], 4.5);
     EXPECT_TRUE(std::isinf(back.reference_[1]));
   }
-  omp_set_num_threads(threads);
 }
 
 }  // namespace

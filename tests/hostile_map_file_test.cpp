@@ -55,7 +55,7 @@ Bytes withRecords(std::int32_t rows, std::int32_t cols, const std::vector<std::u
                   unsigned char fill = 0x11, HeaderFields h = HeaderFields()) {
   h.rows = rows;
   h.cols = cols;
-  h.body_size = static_cast<std::uint32_t>(22 * positions.size());
+  h.body_bytes = static_cast<std::uint32_t>(22 * positions.size());
   Bytes file = headerBytes(h);
   for (std::uint32_t p : positions) appendRecord(&file, p, fill);
   return file;

@@ -1,9 +1,9 @@
 // The synthetic map generator: other tests and the benchmarks rely on its
 // maps being valid raw matrices whose cells survive the lossy file unchanged.
 #include "tests/support/synthetic_map.h"
+#include "tests/support/team_size.h"
 
 #include <gtest/gtest.h>
-#include <omp.h>
 
 #include <cmath>
 #include <cstring>
@@ -15,6 +15,7 @@ namespace {
 using zorvane::localization::GridMatrix;
 using zorvane::localization::MCell;
 using zorvane::testing::makeSyntheticMap;
+using zorvane::testing::ScopedTeamSize;
 
 bool sameBits(const GridMatrix& a, const GridMatrix& b) {
   if (a.cells_.size() != b.cells_.size() || a.index_ != b.index_) return false;
@@ -32,12 +33,12 @@ bool onStepGrid(float v, float origin) {
 }
 
 TEST(SyntheticMap, GeometryIndexAndDeterminism) {
-  const int saved = omp_get_max_threads();
-  omp_set_num_threads(1);
-  const auto one = makeSyntheticMap(203, 157, 9);
-  omp_set_num_threads(3);
-  const auto three = makeSyntheticMap(203, 157, 9);
-  omp_set_num_threads(saved);
+  auto made = [](int threads) {
+    ScopedTeamSize team(threads);
+    return makeSyntheticMap(203, 157, 9);
+  };
+  const auto one = made(1);
+  const auto three = made(3);
   EXPECT_TRUE(sameBits(one.matrix, three.matrix));
   EXPECT_FALSE(sameBits(one.matrix, makeSyntheticMap(203, 157, 10).matrix));
 

@@ -41,7 +41,7 @@ TEST(ZvmapToolTest, GeneratedMapVerifiesAndDescribesItself) {
 
 TEST(ZvmapToolTest, VerifyListsEveryProblemOfALoadableButUnsoundMap) {
   HeaderFields h;  // 2 x 3 grid, finite origins
-  h.body_size = 3 * 22;
+  h.body_bytes = 3 * 22;
   Bytes file = headerBytes(h);
   appendRecord(&file, 4);
   appendRecord(&file, 4);        // position named twice
@@ -64,7 +64,7 @@ TEST(ZvmapToolTest, BrokenFilesAndBadArgumentsFail) {
                      ": the map does not load\n");
 
   HeaderFields h;
-  h.body_size = 5 * 22;  // five records declared, none present
+  h.body_bytes = 5 * 22;  // five records declared, none present
   const std::string cut = tempMapPath("cut.zvmap"), text = tempMapPath("text.zvmap");
   writeFileBytes(cut, headerBytes(h));
   writeFileBytes(text, Bytes(80, 'a'));

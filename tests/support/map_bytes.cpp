@@ -56,6 +56,17 @@ Bytes exampleFileBytes() {
   return out;
 }
 
+HeaderFields::HeaderFields() {
+  tag = 7;
+  height_base = -4.0f;
+  aux_value_base = 0.0f;
+  reference[0] = 1.0;
+  reference[1] = 2.0;
+  reference[2] = 3.0;
+  rows = 2;
+  cols = 3;
+}
+
 Bytes headerBytes(const HeaderFields& h) {
   // Written field by field at literal offsets, independently of the
   // library's header encoder, so that tests of the encoder compare against
@@ -67,7 +78,7 @@ Bytes headerBytes(const HeaderFields& h) {
   encodeFloat32(&b[9], h.height_base);
   encodeFloat32(&b[13], h.aux_value_base);
   for (int k = 0; k < 3; ++k) encodeFloat64(&b[17 + 8 * k], h.reference[k]);
-  encodeFixed32(&b[41], h.body_size);
+  encodeFixed32(&b[41], h.body_bytes);
   const std::int32_t geometry[4] = {h.rows, h.cols, h.offset_y, h.offset_x};
   for (int k = 0; k < 4; ++k) encodeInt32(&b[45 + 4 * k], geometry[k]);
   return b;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "localization/grid_map_lossy.h"
+#include "localization/lossy_format.h"
 
 namespace zorvane {
 namespace testing {
@@ -27,16 +28,10 @@ localization::MCell exampleCell();
 void fillExampleMap(localization::GridMapLossy* map);
 Bytes exampleFileBytes();
 
-struct HeaderFields {
-  std::uint32_t tag = 7;
-  float height_base = -4.0f;
-  float aux_value_base = 0.0f;
-  double reference[3] = {1.0, 2.0, 3.0};
-  std::uint32_t body_size = 0;
-  std::int32_t rows = 2;
-  std::int32_t cols = 3;
-  std::int32_t offset_y = 0;
-  std::int32_t offset_x = 0;
+// The header fields with the tests' defaults: tag 7, height origin -4,
+// aux origin 0, references 1, 2, 3, no body, a 3 x 2 grid at offset 0.
+struct HeaderFields : localization::lossy::Header {
+  HeaderFields();
 };
 Bytes headerBytes(const HeaderFields& h);  // the 61 header bytes
 // Appends a 22-byte record for `position`, every other byte `fill`.
