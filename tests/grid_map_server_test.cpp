@@ -168,6 +168,8 @@ TEST_F(ServerTest, LoadFailuresPrintTheLoaderLinesThenTheirOwnAndThrow0x11804) {
 
   for (const auto& [path, loader_lines] : {
            std::make_pair(missing, red("ReadFromFile : Cannot read file " + missing)),
+           // grid_map: '' is a value, the empty path: it reaches the load.
+           std::make_pair(std::string(), red("ReadFromFile : Cannot read file ")),
            std::make_pair(wrong_magic, std::string()),
            std::make_pair(too_long, red("ReadFromFile : Map size is not same as raw data!"))}) {
     SCOPED_TRACE(path);
