@@ -138,21 +138,30 @@ TEST(GridMapLossyCodecTest, DuplicatePositionsNameTheLaterRecord) {
   ASSERT_EQ(map.matrix().cells_.size(), 3u);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(map.matrix().cells_[i].value_mean[0], 0x10 * (i + 1));
 
+  // Chunks hold 8192 records. Position 3 again at the end, and at the head
+  // of the second chunk, where two chunks would otherwise both store it.
   HeaderFields h;
   h.rows = 201;
   h.cols = 100;
-  std::vector<std::uint32_t> positions(20000);
-  for (std::uint32_t p = 0; p < 20000; ++p) positions[p] = p;
-  positions.push_back(3);
-  const std::string path = tempMapPath("late_duplicate.zvmap");
-  writeFileBytes(path, withRecords(h, positions));
-  for (int team : {1, 2, 4}) {
-    ScopedTeamSize scoped(team);
-    GridMapLossy loaded;
-    std::string out;
-    ASSERT_TRUE(readCapturing(loaded, path, &out));
-    const GridMatrix& m = loaded.matrix();
-    EXPECT_EQ((Index{m.index_[3], m.index_[4], m.index_[20000]}), (Index{20000, 4, -1})) << team;
+  std::vector<std::uint32_t> late(20000), at_head(20000);
+  for (std::uint32_t p = 0; p < 20000; ++p) late[p] = at_head[p] = p;
+  late.push_back(3);
+  at_head.insert(at_head.begin() + 8192, 3);
+  const std::pair<std::vector<std::uint32_t>, std::uint32_t> layouts[] = {{late, 20000},
+                                                                          {at_head, 8192}};
+  for (const auto& [positions, later] : layouts) {
+    const std::string path = tempMapPath("duplicate.zvmap");
+    writeFileBytes(path, withRecords(h, positions));
+    for (int team : {1, 2, 4}) {
+      ScopedTeamSize scoped(team);
+      GridMapLossy loaded;
+      std::string out;
+      ASSERT_TRUE(readCapturing(loaded, path, &out));
+      const GridMatrix& m = loaded.matrix();
+      EXPECT_EQ((Index{m.index_[3], m.index_[4], m.index_[20000]}),
+                (Index{static_cast<std::int32_t>(later), 4, -1}))
+          << team;
+    }
   }
 }
 
