@@ -1,4 +1,4 @@
-// GridMapLossy: the binary operations against the documented example, and
+// GridMapLossy: the binary operations against the example map, and
 // saveToFile / ReadFromFile with their console lines, results and the state
 // they leave.
 #include "localization/grid_map_lossy.h"
@@ -68,7 +68,7 @@ TEST(GridMapLossyGoldenTest, EncodesTheExampleByteForByte) {
   EXPECT_EQ(readFileBytes(path), exampleFileBytes());
 }
 
-TEST(GridMapLossyGoldenTest, DecodesTheExampleToTheDocumentedValues) {
+TEST(GridMapLossyGoldenTest, DecodesTheExampleToItsQuantisedValues) {
   Bytes file = exampleFileBytes();
   GridMapLossy map;
   ASSERT_TRUE(decode(map, file, 22));

@@ -77,7 +77,7 @@ TEST(GridMatrixTest, ManualInitSetsGeometryOnlyAndWrapsTheProduct) {
   EXPECT_EQ(m.grid_size_, 0u);
 }
 
-TEST(PreCalcTest, PreparesTheDocumentedCellAndLeavesMeansAlone) {
+TEST(PreCalcTest, PreparesAWorkedCellAndLeavesMeansAlone) {
   GridMatrix m = matrixOf({cellWith(2.f, 4.f, 0.5f, 0.5f, 0.5f, 0.25f, 0.25f, 0.75f)});
   m.runPreCalc();
   ASSERT_TRUE(m.precalculated_);

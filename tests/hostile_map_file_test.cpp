@@ -112,7 +112,7 @@ std::vector<HostileCase> hostileCorpus() {
        After::kRaw},
       {"declared tail, whole records present", withBodySize(withRecords(2, 3, {0, 4}), 50), S::kOk,
        kFormat, After::kReady},
-      // A header without records: the documented empty-body state.
+      // A header without records: an empty body over the declared grid.
       {"no records", withRecords(2, 3, {}), S::kNoCells, "", After::kEmptyIndex},
       {"body size below one record", withBodySize(header, 10), S::kNoCells, kFormat,
        After::kEmptyIndex},

@@ -1,4 +1,4 @@
-"""Shared fixtures: the documented example map and its file, seeded random
+"""Shared fixtures: the example map and its file, seeded random
 maps, and the C++ dump helper that reads a map with the library alone."""
 
 import math

@@ -3,7 +3,7 @@
 // (fuzz/map_file_replay.cpp) and the hostile-file tests.
 //
 // The input becomes a file that is read into a map which already holds a
-// prepared matrix (the documented example), so that both a first load and
+// prepared matrix (the example map), so that both a first load and
 // a reload over an older map are exercised. Whatever the bytes, afterwards:
 //  - no index_ entry names a cell beyond cells_;
 //  - a successful load left a ready matrix: loadable geometry, an index of
