@@ -5,6 +5,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -152,12 +153,15 @@ bool resolveTarget(const std::string& path, Target* t, std::string* why) {
 // -1 with *why set.
 int createTemporary(const Target& t, std::string* tmp_path, std::string* why) {
   static const char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-  static unsigned counter = 0;
+  static std::atomic<unsigned> counter{0};
   struct timespec now;
   ::clock_gettime(CLOCK_REALTIME, &now);
+  // Distinct per call and process; the names need not be unpredictable,
+  // since O_EXCL never opens a file that someone else placed there.
   std::uint64_t seed = static_cast<std::uint64_t>(now.tv_nsec) ^
                        (static_cast<std::uint64_t>(now.tv_sec) << 20) ^
-                       (static_cast<std::uint64_t>(::getpid()) << 40) ^ (++counter * 0x9e3779b97f4a7c15ull);
+                       (static_cast<std::uint64_t>(::getpid()) << 40) ^
+                       ((counter.fetch_add(1) + 1ull) * 0x9e3779b97f4a7c15ull);
   for (int attempt = 0; attempt < 100; ++attempt) {
     std::string suffix;
     for (int k = 0; k < 6; ++k) {

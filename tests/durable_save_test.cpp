@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "localization/durable_save_testing.h"
@@ -131,6 +132,28 @@ TEST_F(DurableSave, WritesTheBytesOfSaveToFileAndReplacesKeepingPermissions) {
   std::vector<std::string> names = others(dir_, "");
   std::sort(names.begin(), names.end());
   EXPECT_EQ(names, (std::vector<std::string>{"bare.zvmap", "link", "map.zvmap", "ref_large", "ref_small"}));
+}
+
+TEST_F(DurableSave, ConcurrentSavesToOnePathEachLeaveACompleteMap) {
+  constexpr int kThreads = 4;
+  std::vector<GridMapLossy> maps(kThreads);
+  std::vector<Bytes> encodings;
+  for (int t = 0; t < kThreads; ++t) {
+    fillMap(&maps[t], 20 + 7 * t);
+    encodings.push_back(saveToFileBytes(maps[t], path("ref_" + std::to_string(t))));
+    fs::remove(path("ref_" + std::to_string(t)));
+  }
+  std::vector<int> failures(kThreads, 0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int k = 0; k < 25; ++k) failures[t] += saveMapDurably(maps[t], path("map.zvmap")).ok ? 0 : 1;
+    });
+  }
+  for (std::thread& th : threads) th.join();
+  EXPECT_EQ(failures, std::vector<int>(kThreads, 0));
+  EXPECT_NE(std::find(encodings.begin(), encodings.end(), readFileBytes(path("map.zvmap"))), encodings.end());
+  EXPECT_TRUE(others(dir_, "map.zvmap").empty());
 }
 
 // Refuses, with the old file untouched, what saveToFile would not write.
