@@ -1,6 +1,9 @@
 // Recording stand-in for the closed GPU matcher (see stand_in_record.h).
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <cstring>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -36,7 +39,93 @@ bool copyArray(const T* from, std::int64_t count, std::vector<T>& to) {
   return true;
 }
 
+// cols * rows == grid_size exactly, neither negative.
+void checkGeometry(const char* call, const MatrixConfig& c) {
+  const bool matches = c.cols >= 0 && c.rows >= 0 &&
+                       std::uint64_t(std::uint32_t(c.cols)) * std::uint32_t(c.rows) == c.grid_size;
+  if (!matches) {
+    fail(mutableRecord().verdict.geometry_matches,
+         std::string(call) + ": cols " + std::to_string(c.cols) + " x rows " + std::to_string(c.rows) +
+             " is not grid_size " + std::to_string(c.grid_size));
+  }
+}
+
+// Saturating float-to-int32 conversion, NaN as 0: the table builder's.
+std::int32_t toInt32(float v) {
+  if (std::isnan(v)) return 0;
+  if (v >= 2147483648.0f) return std::numeric_limits<std::int32_t>::max();
+  if (v <= -2147483648.0f) return std::numeric_limits<std::int32_t>::min();
+  return static_cast<std::int32_t>(v);
+}
+
+bool sameBits(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+bool sameGeometry(const MatrixConfig& a, const MatrixConfig& b) {
+  return sameBits(a.resolution, b.resolution) && a.grid_size == b.grid_size && a.cols == b.cols &&
+         a.rows == b.rows && a.offset_x == b.offset_x && a.offset_y == b.offset_y;
+}
+
+std::string describe(const MatrixConfig& c) {
+  return "resolution " + std::to_string(c.resolution) + ", " + std::to_string(c.cols) + " x " +
+         std::to_string(c.rows) + " (grid_size " + std::to_string(c.grid_size) + "), offsets " +
+         std::to_string(c.offset_x) + ", " + std::to_string(c.offset_y);
+}
+
+void checkCoarseAgainstFull(const MatrixConfig& coarse) {
+  Record& r = mutableRecord();
+  bool& flag = r.verdict.coarse_matches_full;
+  if (r.configs.empty()) {
+    fail(flag, "cudaSetMatrixConfigCoarse: no full-resolution configuration received before");
+    return;
+  }
+  const MatrixConfig& full = r.configs.back();
+  const double ratio = static_cast<double>(coarse.resolution) / static_cast<double>(full.resolution);
+  if (!(ratio >= 0.5 && ratio < 2147483647.0)) {
+    fail(flag, "cudaSetMatrixConfigCoarse: resolution " + std::to_string(coarse.resolution) +
+                   " is no whole multiple of the full resolution " + std::to_string(full.resolution));
+    return;
+  }
+  const int factor = static_cast<int>(std::lround(ratio));
+  const MatrixConfig expected = gpu_stand_in::coarseGeometryFor(full, factor);
+  if (!sameGeometry(coarse, expected)) {
+    fail(flag, "cudaSetMatrixConfigCoarse: " + describe(coarse) + " is not the level-" +
+                   std::to_string(factor) + " geometry of the full matrix: " + describe(expected));
+  }
+}
+
+// Value bins on the value scale 0..255.
+bool valueBinsBounded(const MCellCoarse& c) {
+  if (c.value_bins == 0) return true;
+  return c.value_bins <= 256 && c.value_first >= 0 && c.value_first + c.value_bins <= 256;
+}
+
+void warnNonFinite(const char* table, const std::vector<float>& bins) {
+  std::size_t count = 0, first = 0;
+  for (std::size_t k = 0; k < bins.size(); ++k) {
+    if (!std::isfinite(bins[k]) && count++ == 0) first = k;
+  }
+  if (count > 0) {
+    mutableRecord().verdict.warnings.push_back(
+        "cudaSetMatrixCellsCoarse: " + std::to_string(count) + " non-finite bins in the " + table +
+        " table, the first at " + std::to_string(first));
+  }
+}
+
 }  // namespace
+
+MatrixConfig coarseGeometryFor(const MatrixConfig& full, int factor) {
+  const float f = static_cast<float>(factor);
+  MatrixConfig c;
+  c.resolution = full.resolution * f;
+  c.cols = toInt32(std::ceil(static_cast<float>(full.cols) / f));
+  c.rows = toInt32(std::ceil(static_cast<float>(full.rows) / f));
+  c.offset_x = toInt32(std::floor(static_cast<float>(full.offset_x) / f));
+  c.offset_y = toInt32(std::floor(static_cast<float>(full.offset_y) / f));
+  const std::uint64_t positions =
+      c.cols > 0 && c.rows > 0 ? std::uint64_t(std::uint32_t(c.cols)) * std::uint32_t(c.rows) : 0;
+  c.grid_size = positions <= std::numeric_limits<std::uint32_t>::max() ? std::uint32_t(positions) : 0;
+  return c;
+}
 
 std::vector<std::string> Record::callNames() const {
   std::vector<std::string> names;
@@ -58,6 +147,7 @@ using gpu_stand_in::mutableRecord;
 
 void cudaSetMatrixConfig(const MatrixConfig& config) {
   gpu_stand_in::noteCall("cudaSetMatrixConfig");
+  gpu_stand_in::checkGeometry("cudaSetMatrixConfig", config);
   mutableRecord().configs.push_back(config);
 }
 
@@ -100,6 +190,8 @@ void cudaSetMatrixCells(const MCell* cells, int cell_count, const int* index, in
 
 void cudaSetMatrixConfigCoarse(const MatrixConfig& config) {
   gpu_stand_in::noteCall("cudaSetMatrixConfigCoarse");
+  gpu_stand_in::checkGeometry("cudaSetMatrixConfigCoarse", config);
+  gpu_stand_in::checkCoarseAgainstFull(config);
   mutableRecord().coarse_configs.push_back(config);
 }
 
@@ -123,6 +215,8 @@ void cudaSetMatrixCellsCoarse(const float* height_table, int height_count,
     fail(v.coarse_bins_inside, "cudaSetMatrixCellsCoarse: unusable value table (count " +
                                    std::to_string(value_count) + ")");
   }
+  gpu_stand_in::warnNonFinite("height", r.height_table);
+  gpu_stand_in::warnNonFinite("value", r.value_table);
   if (r.coarse_configs.empty()) {
     r.coarse_cells.clear();
     fail(v.coarse_bins_inside, "cudaSetMatrixCellsCoarse: no coarse configuration received before");
@@ -148,6 +242,15 @@ void cudaSetMatrixCellsCoarse(const float* height_table, int height_count,
       fail(v.coarse_bins_inside,
            "cudaSetMatrixCellsCoarse: coarse record " + std::to_string(i) + " reaches past the " +
                (value_inside ? "height" : "value") + " table");
+      break;
+    }
+  }
+  for (std::size_t i = 0; i < r.coarse_cells.size(); ++i) {
+    const MCellCoarse& c = r.coarse_cells[i];
+    if (!gpu_stand_in::valueBinsBounded(c)) {
+      fail(v.value_bins_bounded, "cudaSetMatrixCellsCoarse: coarse record " + std::to_string(i) +
+                                     " stores value bins " + std::to_string(c.value_first) + " + " +
+                                     std::to_string(c.value_bins) + ", outside 0..255");
       break;
     }
   }

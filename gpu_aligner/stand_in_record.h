@@ -44,11 +44,15 @@ struct CallEntry {
   std::chrono::steady_clock::time_point at;
 };
 
-// What a real matcher relies on, judged on every cells call against the
-// configuration received last. Each flag starts true and turns false at the
+// What a real matcher relies on, judged on every call against the
+// configurations received last. Each flag starts true and turns false at the
 // first violation; `problems` says what was wrong, one line per violation
-// kind and call.
+// kind and call. `warnings` lists what the upload contract allows but a
+// matcher may stumble on; they do not make the verdict inconsistent.
 struct Verdict {
+  // cudaSetMatrixConfig and cudaSetMatrixConfigCoarse: cols and rows are not
+  // negative and cols * rows (exact, not wrapped) equals grid_size.
+  bool geometry_matches = true;
   // cudaSetMatrixCells: a full-resolution configuration came first, counts
   // are not negative, and the index has exactly that configuration's
   // grid_size entries.
@@ -56,15 +60,32 @@ struct Verdict {
   // cudaSetMatrixCells: every index entry is -1 or a cell number below the
   // cell count.
   bool index_entries_valid = true;
+  // cudaSetMatrixConfigCoarse: a full-resolution configuration came first,
+  // and the coarse geometry is the one our table builder gives that matrix
+  // for some factor f >= 1 (see coarseGeometryFor): the matcher walks a
+  // coarse position's f x f block of full-resolution positions, so a table
+  // of another matrix or of another level would have it look up the wrong
+  // cells. f is taken from the resolutions (coarse / full, rounded to the
+  // nearest whole number); every field, the resolution included, must then
+  // equal the builder's single-precision result bit for bit.
+  bool coarse_matches_full = true;
   // cudaSetMatrixCellsCoarse: a coarse configuration came first, counts are
   // not negative, and every coarse record's value bins
   // [value_offset, value_offset + value_bins) and height bins lie inside the
   // table passed for that axis.
   bool coarse_bins_inside = true;
+  // cudaSetMatrixCellsCoarse: every coarse record's value bins lie on the
+  // value scale, bins 0..255: value_bins <= 256, and when bins are stored,
+  // value_first >= 0 and value_first + value_bins <= 256.
+  bool value_bins_bounded = true;
   std::vector<std::string> problems;
+  // Non-finite bins in either table (a block whose mass all underflows may
+  // give NaN): one line per table and call.
+  std::vector<std::string> warnings;
 
   bool consistent() const {
-    return index_count_matches && index_entries_valid && coarse_bins_inside;
+    return geometry_matches && index_count_matches && index_entries_valid &&
+           coarse_matches_full && coarse_bins_inside && value_bins_bounded;
   }
 };
 
@@ -104,6 +125,14 @@ struct Record {
 // The record of everything received since the process started or since the
 // last reset.
 const Record& record();
+
+// The geometry of the look-up table that our builder gives a matrix of
+// geometry `full` at sub-sampling factor `factor` (>= 1): with F = factor in
+// single precision, resolution full.resolution * F, cols and rows
+// ceil(full / F), offsets floor(full / F) (every operation in single
+// precision, conversions saturated to 32 bits, NaN as 0), grid_size
+// cols * rows.
+MatrixConfig coarseGeometryFor(const MatrixConfig& full, int factor);
 
 // Forgets everything received: no calls, no configurations, empty arrays,
 // a clean verdict.

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
 #include <string>
 #include <tuple>
@@ -19,12 +20,12 @@ using loc::MCell;
 using loc::MCellCoarse;
 
 MatrixConfig config(std::int32_t cols, std::int32_t rows) {
-  return {0.6f, static_cast<std::uint32_t>(cols * rows), cols, rows, -3, 7};
+  return {0.3f, static_cast<std::uint32_t>(cols * rows), cols, rows, -3, 7};
 }
 
 MCellCoarse coarse(std::uint16_t value_bins, std::uint32_t value_offset, std::uint16_t height_bins,
                    std::uint32_t height_offset) {
-  return {value_bins, -1, value_offset, height_bins, 2, height_offset};
+  return {value_bins, 0, value_offset, height_bins, -2, height_offset};
 }
 
 template <class T>
@@ -50,14 +51,15 @@ TEST_F(StandIn, RecordsCopiesOfACorrectUploadAndJudgesItConsistent) {
 
   loc::cudaSetMatrixConfig(config(3, 2));
   loc::cudaSetMatrixCells(cells.data(), 2, index.data(), 6);
-  loc::cudaSetMatrixConfigCoarse(config(2, 1));
+  const MatrixConfig level2 = {0.6f, 2, 2, 1, -2, 3};  // config(3, 2) at factor 2
+  loc::cudaSetMatrixConfigCoarse(level2);
   loc::cudaSetMatrixCellsCoarse(heights.data(), 3, values.data(), 2, records.data());
 
   EXPECT_EQ(rec().callNames(),
             (std::vector<std::string>{"cudaSetMatrixConfig", "cudaSetMatrixCells",
                                       "cudaSetMatrixConfigCoarse", "cudaSetMatrixCellsCoarse"}));
   EXPECT_TRUE(sameBytes(rec().configs, {config(3, 2)}));
-  EXPECT_TRUE(sameBytes(rec().coarse_configs, {config(2, 1)}));
+  EXPECT_TRUE(sameBytes(rec().coarse_configs, {level2}));
   EXPECT_EQ(std::make_tuple(rec().cells_at, rec().index_at, rec().cell_count, rec().index_count),
             std::make_tuple(cells.data(), index.data(), 2, 6));
   EXPECT_EQ(std::make_tuple(rec().height_table_at, rec().value_table_at, rec().coarse_cells_at),
@@ -66,6 +68,7 @@ TEST_F(StandIn, RecordsCopiesOfACorrectUploadAndJudgesItConsistent) {
   EXPECT_EQ(rec().value_table, values);
   EXPECT_TRUE(sameBytes(rec().coarse_cells, records));
   EXPECT_TRUE(rec().verdict.consistent() && rec().verdict.problems.empty());
+  EXPECT_TRUE(rec().verdict.warnings.empty());
 
   // Copies, not the caller's arrays.
   const std::vector<MCell> sent_cells = cells;
@@ -91,8 +94,9 @@ TEST_F(StandIn, IndexMustMatchTheLastConfigurationAndNameCells) {
   loc::cudaSetMatrixConfig(config(2, 2));  // the later geometry is the one that counts
   loc::cudaSetMatrixCells(nullptr, 0, six.data(), 6);
   const auto& v = rec().verdict;
-  EXPECT_EQ(std::make_tuple(v.index_count_matches, v.index_entries_valid, v.coarse_bins_inside),
-            std::make_tuple(false, true, true));
+  EXPECT_EQ(std::make_tuple(v.geometry_matches, v.index_count_matches, v.index_entries_valid,
+                            v.coarse_matches_full, v.coarse_bins_inside, v.value_bins_bounded),
+            std::make_tuple(true, false, true, true, true, true));
   ASSERT_EQ(rec().verdict.problems.size(), 1u);
   EXPECT_NE(rec().verdict.problems[0].find("grid_size 4"), std::string::npos);
 
@@ -142,11 +146,120 @@ TEST_F(StandIn, CoarseBinsMustLieInsideTheirTablesOfTheLastConfiguration) {
   EXPECT_EQ(rec().value_table, std::vector<float>(2, -2.f));
   EXPECT_FALSE(rec().verdict.coarse_bins_inside);
   stand_in::resetRecord();
+  loc::cudaSetMatrixConfig(config(5, 5));
   loc::cudaSetMatrixConfigCoarse(config(5, 5));
+  loc::cudaSetMatrixConfig(config(3, 1));
   loc::cudaSetMatrixConfigCoarse(config(3, 1));
   loc::cudaSetMatrixCellsCoarse(nullptr, 0, nullptr, 0, records.data());
   EXPECT_EQ(rec().coarse_cells.size(), 3u);
   EXPECT_TRUE(rec().verdict.consistent());
+}
+
+TEST_F(StandIn, EachConfigurationMustHaveColsTimesRowsPositions) {
+  const std::tuple<MatrixConfig, bool> cases[] = {
+      {config(3, 2), true},
+      {{0.15f, 0, 0, 5, 0, 0}, true},
+      {{0.15f, 7, 3, 2, 0, 0}, false},
+      {{0.15f, 0, -2, 0, 0, 0}, false},                     // negative, though the product is 0
+      {{0.15f, 0, 65536, 65536, 0, 0}, false},              // 2^32 positions wrap to 0
+      {{0.15f, 4294836225u, 65535, 65535, 0, 0}, true},
+  };
+  for (const auto& [c, matches] : cases) {
+    for (const bool coarse : {false, true}) {
+      SCOPED_TRACE(std::to_string(c.cols) + " x " + std::to_string(c.rows) + (coarse ? " coarse" : ""));
+      stand_in::resetRecord();
+      loc::cudaSetMatrixConfig(c);
+      if (coarse) loc::cudaSetMatrixConfigCoarse(c);  // level 1 of itself
+      EXPECT_EQ(rec().verdict.geometry_matches, matches);
+      if (!coarse) {
+        EXPECT_EQ(rec().verdict.problems.size(), matches ? 0u : 1u);
+      }
+    }
+  }
+}
+
+TEST_F(StandIn, CoarseGeometryMustBeATableLevelOfTheLastFullMatrix) {
+  // 10 x 7 positions, offsets 5 and -3: at factor 4 the table has 3 x 2
+  // positions, offsets 1 and -1, resolution 0.6 (0.15f * 4).
+  const MatrixConfig full = {0.15f, 70, 10, 7, 5, -3};
+  const MatrixConfig level4 = {0.15f * 4.0f, 6, 3, 2, 1, -1};
+  const auto with = [&](auto change) {
+    MatrixConfig c = level4;
+    change(c);
+    return c;
+  };
+  const float next_after_level4 = std::nextafter(0.15f * 4.0f, 1.0f);
+  const std::tuple<const char*, MatrixConfig, bool> cases[] = {
+      {"level 4", level4, true},
+      {"level 1 is the matrix itself", full, true},
+      {"level 3", {0.15f * 3.0f, 12, 4, 3, 1, -1}, true},
+      {"cols rounded down", with([](MatrixConfig& c) { c.cols = 2, c.grid_size = 4; }), false},
+      {"offset_x rounded up", with([](MatrixConfig& c) { c.offset_x = 2; }), false},
+      {"offset_y truncated towards zero", with([](MatrixConfig& c) { c.offset_y = 0; }), false},
+      {"resolution one step off", with([&](MatrixConfig& c) { c.resolution = next_after_level4; }), false},
+      {"finer than the matrix", {0.075f, 280, 20, 14, 10, -6}, false},
+      {"the empty table of an unprepared matrix", {0.15f, 0, 0, 0, 0, 0}, false},
+  };
+  for (const auto& [what, coarse_config, matches] : cases) {
+    SCOPED_TRACE(what);
+    stand_in::resetRecord();
+    loc::cudaSetMatrixConfig(full);
+    loc::cudaSetMatrixConfigCoarse(coarse_config);
+    EXPECT_EQ(rec().verdict.coarse_matches_full, matches) << testing::PrintToString(rec().verdict.problems);
+    EXPECT_TRUE(rec().verdict.geometry_matches);
+  }
+
+  // Judged against the last full configuration; none at all is a problem.
+  stand_in::resetRecord();
+  loc::cudaSetMatrixConfigCoarse(level4);
+  EXPECT_FALSE(rec().verdict.coarse_matches_full);
+  stand_in::resetRecord();
+  loc::cudaSetMatrixConfig({0.15f, 0, 0, 0, 0, 0});
+  loc::cudaSetMatrixConfig(full);
+  loc::cudaSetMatrixConfigCoarse(level4);
+  EXPECT_TRUE(rec().verdict.consistent());
+  loc::cudaSetMatrixConfig({0.15f, 0, 0, 0, 0, 0});
+  loc::cudaSetMatrixConfigCoarse(level4);  // a table kept from an earlier map
+  EXPECT_FALSE(rec().verdict.coarse_matches_full);
+  ASSERT_EQ(rec().verdict.problems.size(), 1u);
+  EXPECT_NE(rec().verdict.problems[0].find("not the level-4 geometry"), std::string::npos)
+      << rec().verdict.problems[0];
+}
+
+TEST_F(StandIn, ValueBinsMustLieOnTheValueScaleAndNonFiniteBinsAreOnlyWarnings) {
+  const std::vector<float> values(600, -1.f);
+  const std::vector<float> heights(4, -1.f);
+  const std::tuple<MCellCoarse, bool> cases[] = {
+      {coarse(256, 0, 0, 0), true},
+      {{1, 255, 0, 0, 0, 0}, true},
+      {{0, -7, 0, 0, 0, 0}, true},  // nothing stored, nothing to place
+      {coarse(257, 0, 0, 0), false},
+      {{1, -1, 0, 0, 0, 0}, false},
+      {{7, 250, 0, 0, 0, 0}, false},
+  };
+  for (const auto& [record, bounded] : cases) {
+    SCOPED_TRACE(std::to_string(record.value_first) + " + " + std::to_string(record.value_bins));
+    stand_in::resetRecord();
+    loc::cudaSetMatrixConfig(config(1, 1));
+    loc::cudaSetMatrixConfigCoarse(config(1, 1));
+    loc::cudaSetMatrixCellsCoarse(heights.data(), 4, values.data(), 600, &record);
+    EXPECT_EQ(rec().verdict.value_bins_bounded, bounded);
+    EXPECT_TRUE(rec().verdict.coarse_bins_inside);
+  }
+
+  stand_in::resetRecord();
+  const std::vector<float> odd_values = {-1.f, NAN, -2.f, INFINITY};
+  const std::vector<float> odd_heights = {-1.f, -2.f, -INFINITY};
+  const MCellCoarse record = coarse(4, 0, 3, 0);
+  loc::cudaSetMatrixConfig(config(1, 1));
+  loc::cudaSetMatrixConfigCoarse(config(1, 1));
+  loc::cudaSetMatrixCellsCoarse(odd_heights.data(), 3, odd_values.data(), 4, &record);
+  EXPECT_TRUE(rec().verdict.consistent());
+  EXPECT_TRUE(rec().verdict.problems.empty());
+  EXPECT_EQ(rec().verdict.warnings,
+            (std::vector<std::string>{
+                "cudaSetMatrixCellsCoarse: 1 non-finite bins in the height table, the first at 2",
+                "cudaSetMatrixCellsCoarse: 2 non-finite bins in the value table, the first at 1"}));
 }
 
 TEST_F(StandIn, UnusableArraysAreNotedNotRead) {

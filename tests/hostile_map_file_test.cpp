@@ -184,8 +184,8 @@ TEST_P(HostileMapFileTest, GivesTheDecidedStatusOutputAndState) {
   EXPECT_EQ(out, hc.output);
 
   const GridMatrix& m = map.matrix();
-  EXPECT_TRUE(testing::indexNamesOnlyCells(m));
-  EXPECT_TRUE(testing::indexNamesOnlyCells(silent.matrix()));
+  EXPECT_TRUE(testing::indexCoversGrid(m));
+  EXPECT_TRUE(testing::indexCoversGrid(silent.matrix()));
   if (hc.after == After::kUnchanged) {
     EXPECT_TRUE(testing::sameAsExample(map));
   } else {
@@ -248,7 +248,7 @@ TEST(HostileMapFileSourceTest, BodyReaderRefusesCountsBeyondTheBoundBeforeReadin
   EXPECT_EQ(capturing(&out, [&] { return map.loadBodyBinary(&body); }), 0);
   EXPECT_EQ(out, kDimensions);
   EXPECT_TRUE(map.matrix().cells_.empty());
-  EXPECT_TRUE(testing::indexNamesOnlyCells(map.matrix()));
+  EXPECT_TRUE(testing::indexCoversGrid(map.matrix()));
 }
 
 }  // namespace

@@ -60,11 +60,14 @@ bool sameAsExample(const localization::GridMapLossy& map) {
 }
 
 bool indexNamesOnlyCells(const localization::GridMatrix& m) {
-  if (m.index_.size() != m.grid_size_) return false;
   for (const std::int32_t entry : m.index_) {
     if (entry < -1 || (entry >= 0 && static_cast<std::size_t>(entry) >= m.cells_.size())) return false;
   }
   return true;
+}
+
+bool indexCoversGrid(const localization::GridMatrix& m) {
+  return m.index_.size() == m.grid_size_ && indexNamesOnlyCells(m);
 }
 
 std::string checkMapFileInput(const std::uint8_t* data, std::size_t size) {
@@ -77,7 +80,7 @@ std::string checkMapFileInput(const std::uint8_t* data, std::size_t size) {
   loadExample(&map);
   const bool loaded = map.ReadFromFile(file.path());
   const GridMatrix& m = map.matrix();
-  if (!indexNamesOnlyCells(m)) return "the index does not cover the grid with cell numbers";
+  if (!indexCoversGrid(m)) return "the index does not cover the grid with cell numbers";
   if (!loaded) {
     if (m.precalculated_ && !sameAsExample(map)) return "failed load left a prepared, changed matrix";
     return "";

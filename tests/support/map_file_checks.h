@@ -1,6 +1,6 @@
-// The checks one arbitrary file runs through, shared by the libFuzzer
-// target (fuzz/map_file_fuzz.cpp), the corpus replay driver
-// (fuzz/map_file_replay.cpp) and the hostile-file tests.
+// The checks one arbitrary file runs through, shared by the map file fuzz
+// target (fuzz/map_file_fuzz.cpp, also built as a replay driver over
+// fuzz/regression/) and the hostile-file tests.
 //
 // The input becomes a file that is read into a map which already holds a
 // prepared matrix (the example map), so that both a first load and
@@ -51,8 +51,11 @@ void loadExample(localization::GridMapLossy* map);
 // True when `map` holds exactly what loadExample gives.
 bool sameAsExample(const localization::GridMapLossy& map);
 
-// True when index_ has grid_size_ entries, each is -1 or a cell number below cells_.size().
+// True when every index_ entry is -1 or a cell number below cells_.size().
 bool indexNamesOnlyCells(const localization::GridMatrix& m);
+// True as well when index_ has exactly grid_size_ entries: the state every
+// load leaves, refused or not.
+bool indexCoversGrid(const localization::GridMatrix& m);
 
 // Runs the checks above on one input. Returns "" when all hold, otherwise
 // what failed. Prints what the map operations print.
