@@ -461,7 +461,7 @@ TEST(ZvmapCliTest, SynthIsDeterministicAndRefusesGridsTooLargeBeforeBuilding) {
   EXPECT_FALSE(fileExists(huge));
   const std::string nowhere = tempMapPath("no/such/dir.gridmap");
   expectOneLineFailure(zvmap({"synth", "-o", nowhere, "--cols", "10", "--rows", "10"}), nowhere,
-                       "cannot create the file: no such file or directory");
+                       "No such file or directory");
 }
 
 TEST(ZvmapCliTest, DiffReportsHeaderAndCellDifferences) {

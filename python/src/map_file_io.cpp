@@ -9,6 +9,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include "localization/durable_save.h"
 #include "localization/lossy_format.h"
 #include "localization/map_load_status.h"
 #include "python/src/map_arrays.h"
@@ -27,19 +28,10 @@ localization::MapLoadResult loadWithLibrary(GridMapLossy* map, const std::string
   return map->load(path, prepare);
 }
 
-// Until the library's durable save is available: saveToFile, which prints
-// its size lines to standard output.
-struct SaveOutcome {
-  bool ok = false;
-  std::string error;
-};
-
-SaveOutcome saveWithLibrary(GridMapLossy* map, const std::string& path) {
-  SaveOutcome outcome;
-  errno = 0;
-  outcome.ok = map->saveToFile(path);
-  if (!outcome.ok) outcome.error = errno != 0 ? std::strerror(errno) : "the file could not be written";
-  return outcome;
+// The library's durable save: a temporary file beside the target, checked
+// writes, sync, rename; the old file stays on any failure. Silent.
+localization::MapSaveResult saveWithLibrary(GridMapLossy* map, const std::string& path) {
+  return localization::saveMapDurably(*map, path);
 }
 
 [[noreturn]] void raiseOSError(const std::string& message) {
@@ -112,12 +104,12 @@ void saveMap(GridMapLossy& map, const std::string& path) {
                           std::to_string(cells) + " cells to be read back");
   }
 
-  SaveOutcome outcome;
+  localization::MapSaveResult outcome;
   {
     py::gil_scoped_release unlocked;
     outcome = saveWithLibrary(&map, path);
   }
-  if (!outcome.ok) raiseOSError(prefix + outcome.error);
+  if (!outcome.ok) raiseOSError(outcome.error);
 }
 
 }  // namespace python

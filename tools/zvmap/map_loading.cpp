@@ -8,6 +8,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "localization/durable_save.h"
 #include "localization/lossy_format.h"
 #include "tools/zvmap/console.h"
 
@@ -33,19 +34,6 @@ class MutedStdout {
   std::ostringstream sink_;
   std::streambuf* saved_;
 };
-
-// The last line the library printed, without its colour framing.
-std::string lastLine(const std::string& text) {
-  std::string line;
-  std::istringstream in(text);
-  for (std::string l; std::getline(in, l);) {
-    if (!l.empty()) line = l;
-  }
-  for (const char* escape : {"\033[31m", "\033[0m"}) {
-    for (std::size_t at; (at = line.find(escape)) != std::string::npos;) line.erase(at, std::strlen(escape));
-  }
-  return line;
-}
 
 std::string lowerFirst(std::string text) {
   if (!text.empty() && text[0] >= 'A' && text[0] <= 'Z') text[0] = static_cast<char>(text[0] - 'A' + 'a');
@@ -113,17 +101,15 @@ bool loadOrFail(const std::string& path, bool prepare, GridMapLossy* map, MapLoa
 }
 
 std::string saveMap(GridMapLossy& map, const std::string& path) {
+  // The codec prints a red line when it refuses a map; the reason comes
+  // back in the result as well.
   MutedStdout muted;
-  errno = 0;
-  if (map.saveToFile(path)) return "";
-  const int open_errno = errno;
-  const std::string reason = lastLine(muted.text());
-  if (reason.rfind("GridMapLossy saveToFile: Cannot create file", 0) == 0) {
-    return open_errno != 0 ? "cannot create the file: " + lowerFirst(std::strerror(open_errno))
-                           : std::string("cannot create the file");
-  }
-  if (reason == "GridMapLossy saveToFile: body size: 0") return "the map holds no cells";
-  return reason.empty() ? std::string("the map could not be saved") : reason;
+  const localization::MapSaveResult saved = localization::saveMapDurably(map, path);
+  if (saved.ok) return "";
+  // The error names the path, which the tool's own line names already.
+  const std::string prefix = "cannot save map to " + path + ": ";
+  if (saved.error.rfind(prefix, 0) == 0) return saved.error.substr(prefix.size());
+  return saved.error;
 }
 
 std::int64_t fileBytes(const std::string& path) {
