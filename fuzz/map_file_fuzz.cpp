@@ -18,7 +18,7 @@
 #include <string>
 
 #include "tests/support/map_file_checks.h"
-#include "gpu_aligner/stand_in_record.h"
+#include "gpu_aligner_stand_in/stand_in_record.h"
 #include "localization/grid_map_server.h"
 #include "localization/runtime_error.h"
 

@@ -38,7 +38,7 @@
 #include <vector>
 
 #include "fuzz/sample_maps.h"
-#include "gpu_aligner/stand_in_record.h"
+#include "gpu_aligner_stand_in/stand_in_record.h"
 #include "localization/grid_map_server.h"
 #include "localization/runtime_error.h"
 

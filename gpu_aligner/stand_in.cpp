@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "gpu_aligner/gpu_aligner.h"
-#include "gpu_aligner/stand_in_record.h"
+#include "gpu_aligner_stand_in/stand_in_record.h"
 
 namespace zorvane {
 namespace gpu_stand_in {

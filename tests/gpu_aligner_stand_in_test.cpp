@@ -1,7 +1,7 @@
 // The gpu_aligner stand-in: it must record faithfully what it receives and
 // judge it as a real matcher would, without crashing on bad input that it
 // can detect without reading.
-#include "gpu_aligner/stand_in_record.h"
+#include "gpu_aligner_stand_in/stand_in_record.h"
 
 #include <gtest/gtest.h>
 

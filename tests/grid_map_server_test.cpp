@@ -15,7 +15,7 @@
 #include <tuple>
 #include <vector>
 
-#include "gpu_aligner/stand_in_record.h"
+#include "gpu_aligner_stand_in/stand_in_record.h"
 #include "localization/grid_map_lossy.h"
 #include "localization/runtime_error.h"
 #include "tests/support/synthetic_map.h"

@@ -149,18 +149,23 @@ operations = {"read": lambda: zorvane.Map.read(path),
               "look_up_table": lambda: small.look_up_table(4)}
 result = {}
 for name, run in operations.items():
-    span = []
-    def worker():
-        start = time.perf_counter()
-        run()
-        span.extend([start, time.perf_counter()])
-    beats = [time.perf_counter()]
-    thread = threading.Thread(target=worker)
-    thread.start()
-    while thread.is_alive():
-        beats.append(time.perf_counter())
-    thread.join()
-    result[name] = (span[1] - span[0], float(np.diff(beats).max()))
+    # The best of three tries: a busy machine can stop the main thread for a
+    # while, but only a held GIL stops it for the whole call every time.
+    tries = []
+    for _ in range(3):
+        span = []
+        def worker():
+            start = time.perf_counter()
+            run()
+            span.extend([start, time.perf_counter()])
+        beats = [time.perf_counter()]
+        thread = threading.Thread(target=worker)
+        thread.start()
+        while thread.is_alive():
+            beats.append(time.perf_counter())
+        thread.join()
+        tries.append((span[1] - span[0], float(np.diff(beats).max())))
+    result[name] = min(tries, key=lambda t: t[1] / t[0])
 print(json.dumps(result))
 """
 

@@ -9,7 +9,7 @@
 #include <tuple>
 #include <vector>
 
-#include "gpu_aligner/stand_in_record.h"
+#include "gpu_aligner_stand_in/stand_in_record.h"
 #include "localization/grid_map_lossy.h"
 #include "localization/grid_map_server.h"
 
