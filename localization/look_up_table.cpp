@@ -198,14 +198,13 @@ class BlockWalker {
   std::int64_t table_offset_x_, table_offset_y_;
 };
 
-// Blocks of a column strip are visited top to bottom; hint the index
-// entries of the block kIndexAhead rows on and the cells kCellsAhead rows on.
-constexpr std::int64_t kIndexAhead = 8;
+// Blocks are visited row of blocks by row of blocks, left to right, so that
+// the index entries and the cells of one row of blocks are read as a few
+// forward streams; hint the cells of the block kCellsAhead columns on.
 constexpr std::int64_t kCellsAhead = 4;
 
-inline void prefetchAhead(const BlockWalker& walker, std::int64_t i, std::int64_t j, std::int64_t rows) {
-  if (j + kIndexAhead < rows) walker.prefetchIndex(i, j + kIndexAhead);
-  if (j + kCellsAhead < rows) walker.prefetchCells(i, j + kCellsAhead);
+inline void prefetchAhead(const BlockWalker& walker, std::int64_t i, std::int64_t j, std::int64_t columns) {
+  if (i + kCellsAhead < columns) walker.prefetchCells(i + kCellsAhead, j);
 }
 
 // Sizes a table sequence to n zeros. A fresh block of hundreds of megabytes
@@ -242,13 +241,16 @@ void sizeResident(MapVector<float>& v, std::size_t n, int team) {
 struct BlockRanges {
   std::int64_t value_first = 0, value_n = 0;
   std::int64_t height_first = 0, height_n = 0;
+  std::int64_t cells = 0;  // taking-part cells
 };
 
 BlockRanges blockRanges(const BlockWalker& walker, std::int64_t i, std::int64_t j, float value_step,
                         float height_step) {
   std::int32_t value_low = 10000, value_high = -10000;
   std::int32_t height_low = 10000, height_high = -10000;
+  std::int64_t cells = 0;
   walker.forEachCell(i, j, [&](const MCell& cell) {
+    ++cells;
     for (int c = 0; c < 2; ++c) {
       const float vs = cell.value_sigma[c], hs = cell.height_sigma[c];
       value_low = std::min(value_low, roundToBin((cell.value_mean[c] - (vs + vs)) / value_step));
@@ -258,6 +260,7 @@ BlockRanges blockRanges(const BlockWalker& walker, std::int64_t i, std::int64_t 
     }
   });
   BlockRanges r;
+  r.cells = cells;
   const std::int64_t value_first = std::max<std::int32_t>(value_low, 0);
   const std::int64_t value_last = std::min<std::int32_t>(value_high, 255);
   if (value_last >= value_first) {
@@ -635,7 +638,53 @@ bool avoidSubnormals() {
 #endif
 }
 
+// The table's geometry and steps, in single precision as stated. False when
+// the coarse grid holds no position (no records, empty sequences).
+bool setGeometry(const GridMatrix& m, int factor, float height_step, float value_step, GridMatrixTable* t) {
+  const float f = static_cast<float>(factor);
+  t->resolution_ = m.resolution_ * f;
+  t->cols_ = toInt32(std::ceil(static_cast<float>(m.cols_) / f));
+  t->rows_ = toInt32(std::ceil(static_cast<float>(m.rows_) / f));
+  t->offset_x_ = toInt32(std::floor(static_cast<float>(m.offset_x_) / f));
+  t->offset_y_ = toInt32(std::floor(static_cast<float>(m.offset_y_) / f));
+  t->height_step_ = height_step;
+  t->value_step_ = value_step;
+  const bool has_grid = t->cols_ > 0 && t->rows_ > 0 &&
+                        static_cast<std::uint64_t>(t->cols_) * static_cast<std::uint64_t>(t->rows_) <=
+                            std::numeric_limits<std::uint32_t>::max();
+  t->grid_size_ = has_grid ? static_cast<std::uint32_t>(t->cols_) * static_cast<std::uint32_t>(t->rows_) : 0u;
+  return t->grid_size_ != 0;
+}
+
 }  // namespace
+
+LookUpTableExtent measureLookUpTable(const GridMatrix& matrix, int factor, float height_step, float value_step) {
+  LookUpTableExtent extent;
+  GridMatrixTable table;
+  if (!matrix.precalculated_ || !setGeometry(matrix, factor, height_step, value_step, &table)) return extent;
+  extent.records = table.grid_size_;
+  const std::int64_t columns = table.cols_;
+  const std::int64_t rows = table.rows_;
+  const BlockWalker walker(matrix, table, factor);
+  std::uint64_t value_bins = 0, height_bins = 0, work = 0;
+#pragma omp parallel reduction(+ : value_bins, height_bins, work)
+  {
+    const WorkRange range = staticSplit(rows, omp_get_num_threads(), omp_get_thread_num());
+    for (std::int64_t j = range.begin; j < range.end; ++j) {
+      for (std::int64_t i = 0; i < columns; ++i) {
+        prefetchAhead(walker, i, j, columns);
+        const BlockRanges r = blockRanges(walker, i, j, value_step, height_step);
+        value_bins += static_cast<std::uint64_t>(r.value_n);
+        height_bins += static_cast<std::uint64_t>(r.height_n);
+        work += static_cast<std::uint64_t>(r.value_n + r.height_n) * static_cast<std::uint64_t>(r.cells);
+      }
+    }
+  }
+  extent.value_bins = value_bins;
+  extent.height_bins = height_bins;
+  extent.work = work;
+  return extent;
+}
 
 namespace internal {
 void setSubnormalPath(SubnormalPath path) { g_subnormal_path.store(path, std::memory_order_relaxed); }
@@ -644,21 +693,7 @@ void setSubnormalPath(SubnormalPath path) { g_subnormal_path.store(path, std::me
 GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float value_step) const {
   GridMatrixTable table;
   if (!precalculated_) return table;
-
-  // Geometry, in single precision as stated.
-  const float f = static_cast<float>(factor);
-  table.resolution_ = resolution_ * f;
-  table.cols_ = toInt32(std::ceil(static_cast<float>(cols_) / f));
-  table.rows_ = toInt32(std::ceil(static_cast<float>(rows_) / f));
-  table.offset_x_ = toInt32(std::floor(static_cast<float>(offset_x_) / f));
-  table.offset_y_ = toInt32(std::floor(static_cast<float>(offset_y_) / f));
-  table.height_step_ = height_step;
-  table.value_step_ = value_step;
-  const bool has_grid = table.cols_ > 0 && table.rows_ > 0 &&
-                        static_cast<std::uint64_t>(table.cols_) * static_cast<std::uint64_t>(table.rows_) <=
-                            std::numeric_limits<std::uint32_t>::max();
-  table.grid_size_ = has_grid ? static_cast<std::uint32_t>(table.cols_) * static_cast<std::uint32_t>(table.rows_) : 0u;
-  if (table.grid_size_ == 0) return table;
+  if (!setGeometry(*this, factor, height_step, value_step, &table)) return table;
 
   const std::int64_t columns = table.cols_;
   const std::int64_t rows = table.rows_;
@@ -677,12 +712,11 @@ GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float 
 #pragma omp parallel num_threads(team)
   {
     const int thread = omp_get_thread_num();
-    const WorkRange range = staticSplit(columns, omp_get_num_threads(), thread);
+    const WorkRange range = staticSplit(rows, omp_get_num_threads(), thread);
     std::int64_t value_n = 0, height_n = 0;
-    for (std::int64_t i = range.begin; i < range.end; ++i) {
-      for (std::int64_t j = 0; j < rows; ++j) {
-        prefetchAhead(walker, i, j, rows);
-        if (j + kCellsAhead < rows) prefetch(records + (j + kCellsAhead) * columns + i);
+    for (std::int64_t j = range.begin; j < range.end; ++j) {
+      for (std::int64_t i = 0; i < columns; ++i) {
+        prefetchAhead(walker, i, j, columns);
         const BlockRanges r = blockRanges(walker, i, j, value_step, height_step);
         MCellCoarse& rec = records[j * columns + i];
         height_firsts[j * columns + i] = static_cast<std::int32_t>(r.height_first);
@@ -732,14 +766,14 @@ GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float 
 #pragma omp parallel num_threads(team)
   {
     const int thread = omp_get_thread_num();
-    const WorkRange range = staticSplit(columns, omp_get_num_threads(), thread);
+    const WorkRange range = staticSplit(rows, omp_get_num_threads(), thread);
     Scratch& s = scratch[static_cast<std::size_t>(thread)];
     float* const vbins = s.value_bins.get();
     float* const hbins = s.height_bins.get();
     SigmaMemo* const memo = s.memo.get();
-    for (std::int64_t i = range.begin; i < range.end; ++i) {
-      for (std::int64_t j = 0; j < rows; ++j) {
-        prefetchAhead(walker, i, j, rows);
+    for (std::int64_t j = range.begin; j < range.end; ++j) {
+      for (std::int64_t i = 0; i < columns; ++i) {
+        prefetchAhead(walker, i, j, columns);
         const MCellCoarse& rec = records[j * columns + i];
         if (rec.value_bins == 0 && rec.height_bins == 0) continue;
         BlockRanges r;

@@ -110,8 +110,26 @@
 
 #include "localization/grid_matrix.h"
 
+#include <cstdint>
+
 namespace zorvane {
 namespace localization {
+
+// What getLookUpTable(factor, height_step, value_step) would build from
+// `matrix`, found without building it: one parallel pass over the blocks
+// (the builder's own range pass), no allocation beyond the team's.
+struct LookUpTableExtent {
+  std::uint64_t records = 0;      // grid_size_ of the table
+  std::uint64_t value_bins = 0;   // elements of value_table_
+  std::uint64_t height_bins = 0;  // elements of height_table_
+  // Bin evaluations: over every block, (value bins + height bins) times the
+  // block's taking-part cells. The fill pass's time is proportional to it.
+  std::uint64_t work = 0;
+};
+// An unprepared matrix, or one whose coarse grid is empty, gives all zeros.
+// The same preconditions as getLookUpTable; the counts are exact.
+LookUpTableExtent measureLookUpTable(const GridMatrix& matrix, int factor, float height_step, float value_step);
+
 namespace internal {
 
 // How the builder carries out arithmetic that may involve subnormal floats
