@@ -379,7 +379,6 @@ int main(int argc, char** argv) {
     }
   }
   if (!child.empty()) {
-    if (child == "load_no_thp" && prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0) != 0) std::perror("PR_SET_THP_DISABLE");
     double seconds = 0, cpu = 0;
     if (!zorvane::runChild(child, path, &seconds, &cpu)) return 1;
     std::printf("RESULT %.6f %lld %.6f\n", seconds, static_cast<long long>(zorvane::peakResidentBytes()), cpu);

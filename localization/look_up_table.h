@@ -101,16 +101,17 @@
 // Threads: the block pass runs in OpenMP parallel regions with the default
 // team (a range pass that sizes every histogram, then a fill pass that
 // writes them into place; large tables are also faulted in by the team),
-// each splitting the coarse columns by staticSplit (parallel_split.h), each
-// thread taking rows from 0 upwards. All regions have joined before the
-// call returns. The result is identical, bit for bit, for any number of
-// threads.
+// each splitting the rows of coarse positions by staticSplit
+// (parallel_split.h). Every histogram depends on its own block alone, so
+// the order in which blocks are visited is not part of the result. All
+// regions have joined before the call returns. The result is identical,
+// bit for bit, for any number of threads.
 #ifndef ZORVANE_LOCALIZATION_LOOK_UP_TABLE_H_
 #define ZORVANE_LOCALIZATION_LOOK_UP_TABLE_H_
 
-#include "localization/grid_matrix.h"
-
 #include <cstdint>
+
+#include "localization/grid_matrix.h"
 
 namespace zorvane {
 namespace localization {
@@ -130,18 +131,6 @@ struct LookUpTableExtent {
 // The same preconditions as getLookUpTable; the counts are exact.
 LookUpTableExtent measureLookUpTable(const GridMatrix& matrix, int factor, float height_step, float value_step);
 
-namespace internal {
-
-// How the builder carries out arithmetic that may involve subnormal floats
-// (the far tails of the Gaussians). Every path gives the same bits; they
-// differ only in speed. kAuto, the default, avoids subnormal operands on
-// Intel cores, where each costs a microcode assist, and uses the hardware
-// directly elsewhere. The setting is process-wide; it exists so that tests
-// can run both paths on any machine. Not for use while a table is built.
-enum class SubnormalPath { kAuto, kAvoid, kHardware };
-void setSubnormalPath(SubnormalPath path);
-
-}  // namespace internal
 }  // namespace localization
 }  // namespace zorvane
 
