@@ -288,6 +288,53 @@ TEST(LookUpTableExact, RandomAndSyntheticMatricesMatchThePlainBuilder) {
   }
 }
 
+// measureLookUpTable counts exactly what the builder then allocates; its
+// work is the bins of each block times the block's cells, counted here by
+// brute force over the built table's records.
+TEST(LookUpTableExtent, MeasuredCountsEqualTheBuiltTable) {
+  std::vector<Case> cases;
+  for (std::uint64_t seed = 1; seed <= 60; ++seed) cases.push_back(randomCase(seed));
+  auto map = makeSyntheticMap(97, 83, 5);
+  map.matrix.runPreCalc();
+  cases.push_back({map.matrix, 4, 0.15f, 1.0f});
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    const Case& c = cases[i];
+    const GridMatrixTable t = c.matrix.getLookUpTable(c.factor, c.height_step, c.value_step);
+    std::uint64_t work = 0;
+    for (std::int64_t j = 0; j < t.rows_ && t.grid_size_ > 0; ++j) {
+      for (std::int64_t x = 0; x < t.cols_; ++x) {
+        const MCellCoarse& r = t.coarse_cells_[static_cast<std::size_t>(j * t.cols_ + x)];
+        // Cells of the block: grid positions of this coarse position.
+        std::uint64_t cells = 0;
+        for (std::int64_t a = 0; a < c.factor; ++a) {
+          for (std::int64_t b = 0; b < c.factor; ++b) {
+            const std::int64_t gx = (x - t.offset_x_) * c.factor + c.matrix.offset_x_ + a;
+            const std::int64_t gy = (j - t.offset_y_) * c.factor + c.matrix.offset_y_ + b;
+            if (gx < 0 || gy < 0 || gx >= c.matrix.cols_ || gy >= c.matrix.rows_) continue;
+            const std::size_t flat = static_cast<std::size_t>(gy * c.matrix.cols_ + gx);
+            if (flat < c.matrix.index_.size() && c.matrix.index_[flat] >= 0 &&
+                static_cast<std::size_t>(c.matrix.index_[flat]) < c.matrix.cells_.size())
+              ++cells;
+          }
+        }
+        work += (static_cast<std::uint64_t>(r.value_bins) + r.height_bins) * cells;
+      }
+    }
+    for (int threads : {1, 3}) {
+      const LookUpTableExtent e =
+          withThreads(threads, [&] { return measureLookUpTable(c.matrix, c.factor, c.height_step, c.value_step); });
+      EXPECT_EQ(std::make_tuple(e.records, e.value_bins, e.height_bins, e.work),
+                std::make_tuple(std::uint64_t{t.grid_size_}, std::uint64_t{t.value_table_.size()},
+                                std::uint64_t{t.height_table_.size()}, work))
+          << "case " << i << ", " << threads << " threads";
+    }
+  }
+  GridMatrix unprepared = map.matrix;
+  unprepared.precalculated_ = false;
+  const LookUpTableExtent none = measureLookUpTable(unprepared, 4, 0.15f, 1.0f);
+  EXPECT_EQ(none.records + none.value_bins + none.height_bins + none.work, 0u);
+}
+
 // ---------------------------------------------------------------------------
 // Decisions where the algorithm leaves a choice, and inputs outside the
 // preconditions. Each must be bounded, defined and, where the plain builder
