@@ -23,6 +23,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <yaml-cpp/yaml.h>
 
 #include <algorithm>
 #include <chrono>
@@ -35,8 +36,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <yaml-cpp/yaml.h>
 
 #include "gpu_aligner/gpu_aligner.h"
 #include "localization/grid_map_lossy.h"
@@ -114,8 +113,7 @@ bool plainLoad(const std::string& path, PlainMap* out) {
   in.read(buf.data(), static_cast<std::streamsize>(length));
   GridMapLossy header;
   header.loadHeaderBinary(buf.data());
-  const localization::lossy::CellScales scales{0.01f, 0.01f, 0.01f, 0.01f, header.height_base_,
-                                               header.aux_value_base_};
+  const localization::lossy::CellScales scales{0.01f, 0.01f, 0.01f, 0.01f, header.height_base_, header.aux_value_base_};
   const std::uint32_t records = header.body_size_ / 22;
   out->matrix.manualInit(header.matrix().resolution_, header.matrix().cols_, header.matrix().rows_,
                          header.matrix().offset_x_, header.matrix().offset_y_);
@@ -192,8 +190,8 @@ bool runChild(const std::string& op, const std::string& path, double* seconds, d
     }
     const localization::LookUpTableExtent e = localization::measureLookUpTable(map.matrix(), 4, 0.15f, 1.0f);
     *seconds = start.stop(cpu);
-    std::cerr << "extent: records " << e.records << ", value bins " << e.value_bins << ", height bins "
-              << e.height_bins << ", work " << e.work << ", cells " << map.matrix().cells_.size() << "\n";
+    std::cerr << "extent: records " << e.records << ", value bins " << e.value_bins << ", height bins " << e.height_bins
+              << ", work " << e.work << ", cells " << map.matrix().cells_.size() << "\n";
     return e.value_bins > 0;
   }
   if (op == "plain_table") {
@@ -329,7 +327,8 @@ int driver(const std::string& self, const std::string& path, int runs, int plain
               static_cast<long long>(file.tellg()), threads);
   std::printf("| %-38s | %4s | %6s | %6s | %6s | %6s | %8s | %10s |\n", "operation", "runs", "min", "median", "p90",
               "max", "peak MB", "median CPU");
-  std::printf("|%s|------|--------|--------|--------|--------|----------|------------|\n", std::string(40, '-').c_str());
+  std::printf("|%s|------|--------|--------|--------|--------|----------|------------|\n",
+              std::string(40, '-').c_str());
   for (const Operation* op : ops) {
     const std::vector<Sample>& v = samples[op->name];
     std::vector<double> t, cpu;
@@ -340,8 +339,7 @@ int driver(const std::string& self, const std::string& path, int runs, int plain
       peak = std::max(peak, s.peak_bytes);
     }
     std::printf("| %-38s | %4zu | %6.3f | %6.3f | %6.3f | %6.3f | %8.0f | %10.3f |\n", op->label, v.size(),
-                quantile(t, 0.0), quantile(t, 0.5), quantile(t, 0.9), quantile(t, 1.0), peak / 1e6,
-                quantile(cpu, 0.5));
+                quantile(t, 0.0), quantile(t, 0.5), quantile(t, 0.9), quantile(t, 1.0), peak / 1e6, quantile(cpu, 0.5));
   }
   std::printf("raw seconds:\n");
   for (const Operation* op : ops) {

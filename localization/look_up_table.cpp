@@ -142,8 +142,8 @@ GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float 
         r.value_n = rec.value_bins;
         r.height_first = height_firsts[j * columns + i];
         r.height_n = rec.height_bins;
-        kernel.build(walker, i, j, r, value_step, height_step, scale, floor, log_floor,
-                     value_out + rec.value_offset, height_out + rec.height_offset);
+        kernel.build(walker, i, j, r, value_step, height_step, scale, floor, log_floor, value_out + rec.value_offset,
+                     height_out + rec.height_offset);
       }
     }
     lut::HistogramKernel::finish();

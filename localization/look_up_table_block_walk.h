@@ -121,8 +121,7 @@ constexpr std::int64_t kMaxHeightBins = 65535;  // fits MCellCoarse::height_bins
 // The range pass for coarse position (i, j): from the sentinels 10000 and
 // -10000, every component of every taking-part cell widens the ranges by
 // round((mean -/+ (sigma + sigma)) / step).
-BlockRanges blockRanges(const BlockWalker& walker, std::int64_t i, std::int64_t j, float value_step,
-                        float height_step);
+BlockRanges blockRanges(const BlockWalker& walker, std::int64_t i, std::int64_t j, float value_step, float height_step);
 
 }  // namespace lut
 }  // namespace localization

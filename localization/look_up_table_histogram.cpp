@@ -4,8 +4,8 @@
 #include <cmath>
 #include <cstring>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
 #endif
 
 #include "localization/look_up_table_exact.h"
@@ -27,8 +27,8 @@ constexpr std::int64_t kShortRun = 32;
 // cannot be shown. Skipping needs a finite weight (w * 0 is then +-0), a
 // finite mean, a finite positive sigma and step, and bin indices small
 // enough that k * step is computed to well within a bin.
-void termRange(float w, float mean, float sigma, float step, std::int64_t first, std::int64_t last,
-               std::int64_t* lo, std::int64_t* hi) {
+void termRange(float w, float mean, float sigma, float step, std::int64_t first, std::int64_t last, std::int64_t* lo,
+               std::int64_t* hi) {
   *lo = first;
   *hi = last;
   constexpr std::int64_t kExactIndex = std::int64_t{1} << 22;
@@ -41,27 +41,57 @@ void termRange(float w, float mean, float sigma, float step, std::int64_t first,
   const double reach = std::sqrt(105.0 * static_cast<double>(sigma));
   const double from = std::floor((static_cast<double>(mean) - reach) / step) - 2.0;
   const double to = std::ceil((static_cast<double>(mean) + reach) / step) + 2.0;
-  if (from > static_cast<double>(*lo)) *lo = from > static_cast<double>(last) ? last + 1 : static_cast<std::int64_t>(from);
+  if (from > static_cast<double>(*lo))
+    *lo = from > static_cast<double>(last) ? last + 1 : static_cast<std::int64_t>(from);
   if (to < static_cast<double>(*hi)) *hi = to < static_cast<double>(first) ? first - 1 : static_cast<std::int64_t>(to);
 }
 
-// out[q] += w * src[q] for q < 4 * groups; out is 16-byte aligned. Each
-// lane is one single-precision multiply and one add, as in scalar code.
-// Written with SSE2 so that the stores and the next component's loads of
-// `out` always fall on the same 16-byte groups (a compiler-vectorised loop
-// may align on `src` instead, and reloading a group that straddles two
-// recent stores stalls).
-inline void addScaledGroups(float* out, const float* src, float w, std::int64_t groups) {
+// out[q] += w * src[q] for q < kGroup * groups; out is 32-byte aligned.
+// Each lane is one single-precision multiply and one add, as in scalar code
+// (no fused multiply-add), whatever the vector width. Written with
+// intrinsics so that the stores and the next component's loads of `out`
+// always fall on the same aligned groups (a compiler-vectorised loop may
+// align on `src` instead, and reloading a group that straddles two recent
+// stores stalls).
+#if defined(__x86_64__) || defined(__i386__)
+__attribute__((target("avx2"))) void addScaledGroupsAvx2(float* out, const float* src, float w, std::int64_t groups) {
+  const __m256 weight = _mm256_set1_ps(w);
+  for (std::int64_t g = 0; g < groups; ++g) {
+    const __m256 term = _mm256_mul_ps(weight, _mm256_loadu_ps(src + kGroup * g));
+    _mm256_store_ps(out + kGroup * g, _mm256_add_ps(_mm256_load_ps(out + kGroup * g), term));
+  }
+}
+#endif
+
+void addScaledGroupsSse(float* out, const float* src, float w, std::int64_t groups) {
 #if defined(__SSE2__)
   const __m128 weight = _mm_set1_ps(w);
-  for (std::int64_t g = 0; g < groups; ++g) {
-    const __m128 term = _mm_mul_ps(weight, _mm_loadu_ps(src + 4 * g));
-    _mm_store_ps(out + 4 * g, _mm_add_ps(_mm_load_ps(out + 4 * g), term));
+  for (std::int64_t q = 0; q < kGroup * groups; q += 4) {
+    const __m128 term = _mm_mul_ps(weight, _mm_loadu_ps(src + q));
+    _mm_store_ps(out + q, _mm_add_ps(_mm_load_ps(out + q), term));
   }
 #else
-  for (std::int64_t q = 0; q < 4 * groups; ++q) out[q] += w * src[q];
+  for (std::int64_t q = 0; q < kGroup * groups; ++q) out[q] += w * src[q];
 #endif
 }
+
+bool cpuHasAvx2() {
+#if defined(__x86_64__) || defined(__i386__)
+  return __builtin_cpu_supports("avx2");
+#else
+  return false;
+#endif
+}
+
+using AddScaledGroups = void (*)(float*, const float*, float, std::int64_t);
+AddScaledGroups pickAddScaledGroups(bool wide) {
+#if defined(__x86_64__) || defined(__i386__)
+  if (wide && cpuHasAvx2()) return addScaledGroupsAvx2;
+#endif
+  return addScaledGroupsSse;
+}
+// Chosen once by the processor's features.
+AddScaledGroups addScaledGroups = pickAddScaledGroups(true);
 
 // Copies n finished bins to the table. The table is written once and not
 // read again while building, so whole 16-byte groups bypass the caches
@@ -77,12 +107,11 @@ inline void streamOut(float* out, const float* src, std::int64_t n) {
 #endif
 }
 
-std::int64_t paddedToGroups(std::int64_t n) { return (std::max<std::int64_t>(n, 1) + 3) & ~std::int64_t{3}; }
-
 }  // namespace
 
-SigmaMemo::SigmaMemo()
-    : slots_(kSlots), reach_(kTables, 0), tables_(new float[static_cast<std::size_t>(kTables) * kWidth]) {}
+SigmaMemo::SigmaMemo() : slots_(kSlots), arena_(new float[static_cast<std::size_t>(kTables) * (511 + 2 * kPad)]) {
+  tables_.reserve(static_cast<std::size_t>(kTables));
+}
 
 const float* SigmaMemo::find(float s, int* reach) {
   const std::uint32_t key = bitsOf(s);
@@ -101,42 +130,54 @@ const float* SigmaMemo::find(float s, int* reach) {
     slot = &slots_[index];
   }
   if (slot->table < 0) {
-    if (used_tables_ == kTables) return nullptr;
-    slot->table = used_tables_++;
-    float* table = tables_.get() + static_cast<std::ptrdiff_t>(slot->table) * kWidth;
-    std::fill(table, table + kWidth, 0.f);
+    if (tables_.size() == static_cast<std::size_t>(kTables)) return nullptr;
+    float values[256];
     int last = -1;
     for (int d = 0; d <= 255; ++d) {
       const float df = static_cast<float>(d);
-      const float v = std::exp(-(df * df) / s);
-      table[kPad + 255 + d] = v;
-      table[kPad + 255 - d] = v;
-      if (v != 0.f) last = d;
+      values[d] = std::exp(-(df * df) / s);
+      if (values[d] != 0.f) last = d;
     }
-    reach_[static_cast<std::size_t>(slot->table)] = static_cast<std::int16_t>(last);
+    Table t;
+    t.reach = last;
+    t.centre = arena_used_ + kPad + std::max(last, 0);
+    float* const centre = arena_.get() + t.centre;
+    for (int d = 0; d <= std::max(last, 0) + kPad; ++d) {
+      const float v = d <= last ? values[d] : 0.f;
+      centre[d] = v;
+      centre[-d] = v;
+    }
+    arena_used_ += 2 * (std::max(last, 0) + kPad) + 1;
+    slot->table = static_cast<std::int32_t>(tables_.size());
+    tables_.push_back(t);
   }
-  *reach = reach_[static_cast<std::size_t>(slot->table)];
-  return tables_.get() + static_cast<std::ptrdiff_t>(slot->table) * kWidth;
+  const Table& t = tables_[static_cast<std::size_t>(slot->table)];
+  *reach = t.reach;
+  return arena_.get() + t.centre;
+}
+
+bool useWideVectors(bool wide) {
+  addScaledGroups = pickAddScaledGroups(wide);
+  return !wide || cpuHasAvx2();
 }
 
 void addComponent(float* bins, std::int64_t first, std::int64_t n, float w, float mean, float sigma, float step,
                   SigmaMemo* memo) {
   const std::int64_t last = first + n - 1;
-  if (memo != nullptr && step == 1.0f && mean >= 0.f && mean <= 255.f && mean == std::floor(mean) &&
-      std::isfinite(w) && std::isfinite(sigma) && sigma > 0.f && first >= 0 && last <= 255) {
+  if (memo != nullptr && step == 1.0f && mean >= 0.f && mean <= 255.f && mean == std::floor(mean) && std::isfinite(w) &&
+      std::isfinite(sigma) && sigma > 0.f && first >= 0 && last <= 255) {
     // Value axis, step 1, whole-number mean: z - mean = k - m exactly.
     int reach = 0;
     if (const float* table = memo->find(sigma, &reach)) {
       const auto m = static_cast<std::int64_t>(mean);
       const std::int64_t lo = std::max(first, m - reach), hi = std::min(last, m + reach);
       if (lo > hi) return;
-      // Widened to whole groups of four from the start of `bins`, so that
-      // successive components store and reload the same 16-byte groups:
-      // the extra bins get w * 0 (the table is 0 beyond reach and w is
+      // Widened to whole groups from the start of `bins`: the extra bins
+      // get w * 0 (the table is 0 for reach < |d| <= reach + kPad, and w is
       // finite) or lie in the padding behind the histogram.
-      const float* t = table + (SigmaMemo::kPad + 255 - m);  // t[k] = T[k - m]
-      const std::int64_t from = (lo - first) & ~std::int64_t{3}, to = (hi - first) | 3;
-      addScaledGroups(bins + from, t + (first + from), w, (to - from + 1) / 4);
+      const float* t = table - m;  // t[k] = T[k - m]
+      const std::int64_t from = (lo - first) / kGroup * kGroup, to = (hi - first) / kGroup * kGroup + kGroup;
+      addScaledGroups(bins + from, t + (first + from), w, (to - from) / kGroup);
       return;
     }
   }
@@ -176,17 +217,21 @@ void normaliseInto(float* bins, std::int64_t n, float scale, float floor, float 
 }
 
 HistogramKernel::HistogramKernel(std::int64_t value_width, std::int64_t height_width, float value_step)
-    : value_bins_(new float[static_cast<std::size_t>(paddedToGroups(value_width))]),
-      height_bins_(new float[static_cast<std::size_t>(paddedToGroups(height_width))]),
-      memo_(value_step == 1.0f ? new SigmaMemo() : nullptr) {}
+    : storage_(static_cast<std::size_t>(paddedBins(value_width) + paddedBins(height_width) + kGroup)),
+      memo_(value_step == 1.0f ? new SigmaMemo() : nullptr) {
+  const auto at = reinterpret_cast<std::uintptr_t>(storage_.data());
+  value_bins_ = storage_.data() +
+                ((kGroup * sizeof(float) - at % (kGroup * sizeof(float))) % (kGroup * sizeof(float))) / sizeof(float);
+  height_bins_ = value_bins_ + paddedBins(value_width);
+}
 
 void HistogramKernel::build(const BlockWalker& walker, std::int64_t i, std::int64_t j, const BlockRanges& r,
                             float value_step, float height_step, float scale, float floor, float log_floor,
                             float* value_out, float* height_out) {
-  float* const vbins = value_bins_.get();
-  float* const hbins = height_bins_.get();
+  float* const vbins = value_bins_;
+  float* const hbins = height_bins_;
   SigmaMemo* const memo = memo_.get();
-  std::fill(vbins, vbins + paddedToGroups(r.value_n), 0.f);
+  std::fill(vbins, vbins + paddedBins(r.value_n), 0.f);
   std::fill(hbins, hbins + r.height_n, 0.f);
   walker.forEachCell(i, j, [&](const MCell& cell) {
     for (int c = 0; c < 2; ++c) {

@@ -30,45 +30,67 @@ namespace zorvane {
 namespace localization {
 namespace lut {
 
-// Per-thread cache of exp(-(d*d) / sigma) for d = -255..255, keyed by the
+// Per-thread cache of exp(-(d*d) / sigma) for |d| <= 255, keyed by the
 // bits of the prepared sigma. A sigma gets a table the second time the
 // thread meets it (a sigma met once is cheaper to evaluate directly); when
-// the cache is full, further sigmas are evaluated directly.
+// the cache is full, further sigmas are evaluated directly. A table holds
+// only the span where the exponential is not 0 (|d| <= reach) and kPad
+// zeros on either side, so that the thread's tables stay in its caches: a
+// loaded map holds a few thousand distinct value sigmas.
 class SigmaMemo {
  public:
-  // Entry kPad + 255 + d for d = -255..255, and kPad zeros on either side,
-  // so that a run widened to whole groups of four bins stays inside.
-  static constexpr int kPad = 4;
-  static constexpr int kWidth = 511 + 2 * kPad;
+  // Zeros on either side of a table: a run widened to whole groups of
+  // kGroup bins (look_up_table_histogram.cpp) stays inside.
+  static constexpr int kPad = 8;
   static constexpr int kSlotBits = 13;
   static constexpr std::uint32_t kSlots = 1u << kSlotBits;
   static constexpr std::int32_t kTables = kSlots / 2;
 
   SigmaMemo();
 
-  // The table for prepared sigma s (finite, > 0), or nullptr; exp(-(d*d)/s)
-  // is at [kPad + 255 + d]. *reach is the largest |d| whose entry is not 0.
+  // The table for prepared sigma s (finite, > 0), or nullptr. The returned
+  // pointer t gives exp(-(d*d)/s) at t[d] for |d| <= *reach, the largest
+  // |d| <= 255 whose exponential is not 0, and 0 at t[d] for reach < |d| <=
+  // reach + kPad.
   const float* find(float s, int* reach);
 
  private:
-  struct alignas(8) Slot {
+  struct Slot {
     std::uint32_t key = 0;    // sigma bits; 0: free (a positive sigma never has bits 0)
     std::int32_t table = -1;  // table number, or -1 while seen once
   };
+  struct Table {
+    std::int64_t centre = 0;  // index of d = 0 in arena_
+    int reach = 0;
+  };
   std::vector<Slot> slots_;
-  std::vector<std::int16_t> reach_;  // per table
-  std::unique_ptr<float[]> tables_;
+  std::vector<Table> tables_;
+  std::unique_ptr<float[]> arena_;  // kTables tables of the widest size
+  std::int64_t arena_used_ = 0;
   std::uint32_t used_slots_ = 0;
-  std::int32_t used_tables_ = 0;
 };
+
+// Bins of a run are added in whole aligned groups of this many floats, so
+// that successive components store and reload the same groups.
+constexpr std::int64_t kGroup = 8;
+// Floats a bins buffer needs for an n-bin histogram: n rounded up to whole
+// groups (at least one group).
+inline std::int64_t paddedBins(std::int64_t n) { return ((n > 0 ? n : 1) + kGroup - 1) / kGroup * kGroup; }
+
+// The memo runs use 256-bit AVX2 instructions where the processor has them
+// (chosen at start), 128-bit SSE otherwise; both give the same bits. Tests
+// switch with this (not while a table is built): false selects SSE, true
+// AVX2 where available. Returns false when AVX2 was asked for and is
+// missing.
+bool useWideVectors(bool wide);
 
 // Adds weight * exp(-((float)k * step - mean)^2 / sigma) into bins[k - first]
 // for every bin k of [first, first + n) where the term can differ from +-0.
-// `memo` (may be null) is used for whole-number means in 0..255 with step 1.
-// bins must hold n rounded up to a multiple of 4 floats, 16-byte aligned;
-// the padding bins may receive +-0 terms.
-void addComponent(float* bins, std::int64_t first, std::int64_t n, float weight, float mean, float sigma,
-                  float step, SigmaMemo* memo);
+// `memo` (may be null) is used for whole-number means in 0..255 with step 1
+// and first >= 0, first + n <= 256. bins must hold paddedBins(n) floats,
+// 32-byte aligned; the padding bins may receive terms.
+void addComponent(float* bins, std::int64_t first, std::int64_t n, float weight, float mean, float sigma, float step,
+                  SigmaMemo* memo);
 
 // Writes ln((v / S) * scale + floor) of each of the n bins to out, S being
 // their sum in ascending order from +0; bins is overwritten. A zero sum
@@ -92,8 +114,9 @@ class HistogramKernel {
   static void finish();
 
  private:
-  std::unique_ptr<float[]> value_bins_;
-  std::unique_ptr<float[]> height_bins_;
+  std::vector<float> storage_;  // both bins buffers, aligned within
+  float* value_bins_ = nullptr;
+  float* height_bins_ = nullptr;
   std::unique_ptr<SigmaMemo> memo_;
 };
 

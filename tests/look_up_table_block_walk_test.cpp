@@ -48,7 +48,8 @@ GridMatrix markedMatrix(int cols, int rows, int offset_x, int offset_y, Occupied
 
 std::vector<std::pair<int, int>> visits(const BlockWalker& w, std::int64_t i, std::int64_t j) {
   std::vector<std::pair<int, int>> v;
-  w.forEachCell(i, j, [&](const MCell& c) { v.emplace_back(static_cast<int>(c.aux_value), static_cast<int>(c.value_mean[0])); });
+  w.forEachCell(
+      i, j, [&](const MCell& c) { v.emplace_back(static_cast<int>(c.aux_value), static_cast<int>(c.value_mean[0])); });
   return v;
 }
 
@@ -62,7 +63,7 @@ TEST(LookUpTableBlockWalk, GeometryOfTheCoarseGrid) {
       {10, 7, 5, -3, 4, 3, 2, 1, -1, 6},
       {0, 7, 0, 0, 4, 0, 2, 0, 0, 0},
       {8, 8, -8, -9, 4, 2, 2, -2, -3, 4},
-      {5, 5, 0, 0, 0, INT_MAX, INT_MAX, 0, 0, 0},  // f = 0: saturated, no positions
+      {5, 5, 0, 0, 0, INT_MAX, INT_MAX, 0, 0, 0},      // f = 0: saturated, no positions
       {65536, 65536, 0, 0, 1, 65536, 65536, 0, 0, 0},  // product beyond 32 bits
   };
   for (const Case& c : cases) {
@@ -115,7 +116,8 @@ TEST(LookUpTableBlockWalk, BlocksVisitEachCoveredPositionOnce) {
     const int factor = static_cast<int>(rng() % 6) + 1;
     GridMatrix m = markedMatrix(cols, rows, ox, oy, [&](int, int) { return rng() % 3 != 0; });
     // A few broken entries and a short index.
-    for (std::size_t p = 0; p < m.index_.size(); p += 7) m.index_[p] = (p % 2) ? -5 : static_cast<std::int32_t>(m.cells_.size());
+    for (std::size_t p = 0; p < m.index_.size(); p += 7)
+      m.index_[p] = (p % 2) ? -5 : static_cast<std::int32_t>(m.cells_.size());
     if (round % 4 == 0) m.index_.resize(m.index_.size() / 2);
     GridMatrixTable t;
     if (!setTableGeometry(m, factor, 0.15f, 1.0f, &t)) continue;
@@ -139,7 +141,8 @@ TEST(LookUpTableBlockWalk, BlocksVisitEachCoveredPositionOnce) {
     for (int p = 0; p < cols * rows; ++p) {
       const bool takes_part = static_cast<std::size_t>(p) < m.index_.size() && m.index_[p] >= 0 &&
                               static_cast<std::size_t>(m.index_[p]) < m.cells_.size() &&
-                              covered(p % cols, ox, t.offset_x_, t.cols_) && covered(p / cols, oy, t.offset_y_, t.rows_);
+                              covered(p % cols, ox, t.offset_x_, t.cols_) &&
+                              covered(p / cols, oy, t.offset_y_, t.rows_);
       ASSERT_EQ(seen[static_cast<std::size_t>(p)], takes_part ? 1 : 0) << "round " << round << " position " << p;
     }
   }
@@ -151,10 +154,10 @@ TEST(LookUpTableBlockWalk, RangePassWidensFromTheSentinels) {
     std::int64_t value_first, value_n, height_first, height_n;
   };
   const std::vector<Case> cases = {
-      {100.f, 2.f, 0.f, 0.1f, 96, 9, -1, 3},        // 100 -/+ 4; heights round(-+0.2/0.15)
-      {2.f, 3.f, 1.f, 0.01f, 0, 9, 7, 1},           // value clamped at 0: 2 + 6 = 8
+      {100.f, 2.f, 0.f, 0.1f, 96, 9, -1, 3},              // 100 -/+ 4; heights round(-+0.2/0.15)
+      {2.f, 3.f, 1.f, 0.01f, 0, 9, 7, 1},                 // value clamped at 0: 2 + 6 = 8
       {250.f, 10.f, 2000.f, 0.1f, 230, 26, 10000, 3336},  // value clamped at 255; low sentinel
-      {-50.f, 1.f, 0.f, 1e9f, 0, 0, INT_MIN, 65535},  // value range empty; height saturated, clipped
+      {-50.f, 1.f, 0.f, 1e9f, 0, 0, INT_MIN, 65535},      // value range empty; height saturated, clipped
   };
   for (const Case& c : cases) {
     GridMatrix m = markedMatrix(1, 1, 0, 0, [](int, int) { return true; });

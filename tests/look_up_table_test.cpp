@@ -17,6 +17,7 @@
 #include <tuple>
 #include <vector>
 
+#include "localization/look_up_table_histogram.h"
 #include "tests/support/plain_look_up_table.h"
 #include "tools/mapgen/synthetic_map.h"
 
@@ -278,12 +279,16 @@ TEST(LookUpTableExact, RandomAndSyntheticMatricesMatchThePlainBuilder) {
     const GridMatrixTable plain =
         withThreads(2, [&] { return plainLookUpTable(c.matrix, c.factor, c.height_step, c.value_step); });
     for (int threads : {1, 2, 3, 7}) {
+      // The vector width of the memo runs: SSE with one thread, the
+      // processor's widest otherwise.
+      zorvane::localization::lut::useWideVectors(threads != 1);
       const GridMatrixTable fast =
           withThreads(threads, [&] { return c.matrix.getLookUpTable(c.factor, c.height_step, c.value_step); });
       ASSERT_TRUE(sameTable(fast, plain)) << "case " << i << " (seeds from 1, then synthetic), " << threads
                                           << " threads, factor " << c.factor << ", steps " << c.height_step
                                           << "/" << c.value_step;
     }
+    zorvane::localization::lut::useWideVectors(true);
     if (HasFatalFailure()) return;
   }
 }
