@@ -3,6 +3,8 @@
 #include <climits>
 #include <cstdint>
 #include <iostream>
+#include <map>
+#include <utility>
 #include <string>
 
 #include "gpu_aligner/gpu_aligner.h"
@@ -105,14 +107,20 @@ bool GridMapServer::loadFullResMap() { return grid_map_->ReadFromFile(ZV_DEFAULT
 
 bool GridMapServer::calcSubSampledMatrix(int level) {
   const auto key = static_cast<unsigned>(level);
-  if (grid_map_->matrix_tables_.count(key) == 0) {
-    // Measured before anything is allocated for the table.
-    const GridMatrix& matrix = grid_map_->matrix();
-    const LookUpTableExtent extent =
-        measureLookUpTable(matrix, static_cast<int>(key), grid_map_->height_step_, grid_map_->value_step_);
-    if (!withinStartUpBudget(extent, matrix.cells_.size())) return false;
+  std::map<unsigned, GridMatrixTable>& cache = grid_map_->matrix_tables_;
+  if (cache.count(key) != 0) return true;
+  // What generateMatrixTalbe(key) does for our map class, with the budget
+  // checked by the builder's own range pass before any bin is allocated,
+  // so that the check costs start-up nothing.
+  const GridMatrix& matrix = grid_map_->matrix();
+  const std::uint64_t cells = matrix.cells_.size();
+  GridMatrixTable table;
+  if (!buildLookUpTableWithin(
+          matrix, static_cast<int>(key), grid_map_->height_step_, grid_map_->value_step_,
+          [cells](const LookUpTableExtent& extent) { return withinStartUpBudget(extent, cells); }, &table)) {
+    return false;
   }
-  grid_map_->generateMatrixTalbe(key);
+  cache.emplace(key, std::move(table));
   return true;
 }
 

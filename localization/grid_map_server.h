@@ -58,12 +58,13 @@ class GridMapServer : public common::CommonBase {
   bool loadFullResMap();
 
   // Makes sure the map's table cache holds `level` (an existing table is
-  // kept as it is, and true returned). A table that is not cached is first
-  // measured (measureLookUpTable) and built only when it stays within the
-  // start-up budget of the loaded map (N cells): at most 320 N + 2^24 bins
-  // of both axes together, at most 1024 N + 2^25 bin evaluations, and no
-  // sequence beyond INT_MAX elements. Otherwise nothing is allocated and
-  // the result is false.
+  // kept as it is, and true returned). A table that is not cached is built
+  // as generateMatrixTalbe(level) would build it, but only when the
+  // builder's range pass finds it within the start-up budget of the loaded
+  // map (N cells): at most 320 N + 2^24 bins of both axes together, at
+  // most 1024 N + 2^25 bin evaluations, and no sequence beyond INT_MAX
+  // elements. Otherwise no bin is allocated, the cache is left as it was
+  // and the result is false.
   bool calcSubSampledMatrix(int level);
 
   // Hands the full-resolution geometry, then its cells and position index,

@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <new>
 #include <vector>
@@ -73,10 +74,18 @@ LookUpTableExtent measureLookUpTable(const GridMatrix& matrix, int factor, float
   return extent;
 }
 
-GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float value_step) const {
-  GridMatrixTable table;
-  if (!precalculated_) return table;
-  if (!lut::setTableGeometry(*this, factor, height_step, value_step, &table)) return table;
+namespace {
+
+// The builder behind getLookUpTable and buildLookUpTableWithin: false, with
+// *table holding geometry and records only, when `accept` (may be null)
+// refuses the extent found by the range pass.
+bool buildTable(const GridMatrix& matrix, int factor, float height_step, float value_step,
+                const std::function<bool(const LookUpTableExtent&)>* accept, GridMatrixTable* out) {
+  GridMatrixTable& table = *out;
+  table = GridMatrixTable();
+  if (!matrix.precalculated_ || !lut::setTableGeometry(matrix, factor, height_step, value_step, &table)) {
+    return accept == nullptr || (*accept)(LookUpTableExtent());
+  }
 
   const std::int64_t columns = table.cols_;
   const std::int64_t rows = table.rows_;
@@ -85,14 +94,15 @@ GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float 
   // The records keep only the low 16 bits of a height first bin; the fill
   // pass needs all of it. (Value first bins, 0..255, fit the record.)
   std::unique_ptr<std::int32_t[]> height_firsts(new std::int32_t[table.grid_size_]);
-  const lut::BlockWalker walker(*this, table, factor);
+  const lut::BlockWalker walker(matrix, table, factor);
   const int team = std::max(1, omp_get_max_threads());
 
   // Range pass: counts and first bins into the records; the widest ranges
   // size the per-thread working memory.
   std::vector<std::int64_t> widest_value(static_cast<std::size_t>(team), 0);
   std::vector<std::int64_t> widest_height(static_cast<std::size_t>(team), 0);
-#pragma omp parallel num_threads(team)
+  std::uint64_t work = 0;
+#pragma omp parallel num_threads(team) reduction(+ : work)
   {
     const int thread = omp_get_thread_num();
     const WorkRange range = staticSplit(rows, omp_get_num_threads(), thread);
@@ -105,16 +115,21 @@ GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float 
         lut::packCounts(r, &records[j * columns + i]);
         value_n = std::max(value_n, r.value_n);
         height_n = std::max(height_n, r.height_n);
+        work += static_cast<std::uint64_t>(r.value_n + r.height_n) * static_cast<std::uint64_t>(r.cells);
       }
     }
     widest_value[static_cast<std::size_t>(thread)] = value_n;
     widest_height[static_cast<std::size_t>(thread)] = height_n;
   }
 
-  std::uint64_t value_total = 0, height_total = 0;
-  if (!lut::assignOffsets(records, table.grid_size_, &value_total, &height_total)) throw std::bad_alloc();
-  sizeResident(table.value_table_, value_total);
-  sizeResident(table.height_table_, height_total);
+  LookUpTableExtent extent;
+  extent.records = table.grid_size_;
+  extent.work = work;
+  const bool addressable = lut::assignOffsets(records, table.grid_size_, &extent.value_bins, &extent.height_bins);
+  if (accept != nullptr && !(*accept)(extent)) return false;
+  if (!addressable) throw std::bad_alloc();
+  sizeResident(table.value_table_, extent.value_bins);
+  sizeResident(table.height_table_, extent.height_bins);
 
   const std::int64_t value_width = *std::max_element(widest_value.begin(), widest_value.end());
   const std::int64_t height_width = *std::max_element(widest_height.begin(), widest_height.end());
@@ -148,7 +163,20 @@ GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float 
     }
     lut::HistogramKernel::finish();
   }
+  return true;
+}
+
+}  // namespace
+
+GridMatrixTable GridMatrix::getLookUpTable(int factor, float height_step, float value_step) const {
+  GridMatrixTable table;
+  buildTable(*this, factor, height_step, value_step, nullptr, &table);
   return table;
+}
+
+bool buildLookUpTableWithin(const GridMatrix& matrix, int factor, float height_step, float value_step,
+                            const std::function<bool(const LookUpTableExtent&)>& accept, GridMatrixTable* table) {
+  return buildTable(matrix, factor, height_step, value_step, &accept, table);
 }
 
 }  // namespace localization

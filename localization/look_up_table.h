@@ -110,6 +110,7 @@
 #define ZORVANE_LOCALIZATION_LOOK_UP_TABLE_H_
 
 #include <cstdint>
+#include <functional>
 
 #include "localization/grid_matrix.h"
 
@@ -130,6 +131,19 @@ struct LookUpTableExtent {
 // An unprepared matrix, or one whose coarse grid is empty, gives all zeros.
 // The same preconditions as getLookUpTable; the counts are exact.
 LookUpTableExtent measureLookUpTable(const GridMatrix& matrix, int factor, float height_step, float value_step);
+
+// getLookUpTable with a say before the bins are allocated: the range pass
+// measures the table (exactly as measureLookUpTable would) and hands the
+// extent to `accept`. When it returns true the table is built into *table,
+// bit for bit what getLookUpTable returns, and the result is true. When it
+// returns false nothing beyond the coarse records (16 bytes per coarse
+// position) has been allocated or computed, *table holds the geometry and
+// records only, and the result is false. An unprepared matrix or an empty
+// coarse grid is offered the all-zero extent. Unlike getLookUpTable, a
+// table beyond the 32-bit offsets is first offered to `accept` (which
+// should refuse it; otherwise std::bad_alloc).
+bool buildLookUpTableWithin(const GridMatrix& matrix, int factor, float height_step, float value_step,
+                            const std::function<bool(const LookUpTableExtent&)>& accept, GridMatrixTable* table);
 
 }  // namespace localization
 }  // namespace zorvane

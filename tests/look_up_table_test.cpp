@@ -334,6 +334,33 @@ TEST(LookUpTableExtent, MeasuredCountsEqualTheBuiltTable) {
           << "case " << i << ", " << threads << " threads";
     }
   }
+  // The budgeted builder offers the same extent, and builds the same table
+  // when it is accepted; refused, it leaves the bins unallocated.
+  for (std::size_t i = 0; i < cases.size(); i += 7) {
+    const Case& c = cases[i];
+    const LookUpTableExtent want = measureLookUpTable(c.matrix, c.factor, c.height_step, c.value_step);
+    for (bool yes : {true, false}) {
+      LookUpTableExtent offered;
+      GridMatrixTable t;
+      const bool built = buildLookUpTableWithin(
+          c.matrix, c.factor, c.height_step, c.value_step,
+          [&](const LookUpTableExtent& e) {
+            offered = e;
+            return yes;
+          },
+          &t);
+      EXPECT_EQ(built, yes);
+      EXPECT_EQ(std::make_tuple(offered.records, offered.value_bins, offered.height_bins, offered.work),
+                std::make_tuple(want.records, want.value_bins, want.height_bins, want.work))
+          << "case " << i;
+      if (yes) {
+        EXPECT_TRUE(sameTable(t, c.matrix.getLookUpTable(c.factor, c.height_step, c.value_step))) << "case " << i;
+      } else {
+        EXPECT_EQ(t.value_table_.capacity() + t.height_table_.capacity(), 0u) << "case " << i;
+      }
+    }
+  }
+
   GridMatrix unprepared = map.matrix;
   unprepared.precalculated_ = false;
   const LookUpTableExtent none = measureLookUpTable(unprepared, 4, 0.15f, 1.0f);
