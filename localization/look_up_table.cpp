@@ -10,10 +10,10 @@
 //     the two sequences are sized once;
 //  3. a fill pass (parallel, look_up_table_histogram.h) writes every
 //     histogram straight into its final place. No per-position allocation.
-// Both passes split the rows of coarse positions over the team (each row of
-// blocks reads its index entries and cells as forward streams, and each
-// thread writes one contiguous stretch of records and bins). Every histogram
-// depends on its own block alone, so the split changes no bit.
+// Both passes hand rows of coarse positions to the team (each row of blocks
+// reads its index entries and cells as forward streams and writes one
+// stretch of records and bins). Every histogram depends on its own block
+// alone, so which thread builds it changes no bit.
 #include "localization/look_up_table.h"
 
 #include <omp.h>
@@ -29,11 +29,16 @@
 #include "localization/look_up_table_block_walk.h"
 #include "localization/look_up_table_histogram.h"
 #include "localization/look_up_table_packing.h"
-#include "localization/parallel_split.h"
 
 namespace zorvane {
 namespace localization {
 namespace {
+
+// Rows of blocks are handed to the threads a few at a time as they become
+// free: the work per row varies with the map, and on a shared machine one
+// thread of the team may be held up, so a fixed split would leave the other
+// waiting at the end of each pass.
+constexpr int kRowsPerChunk = 4;
 
 // Sizes a table sequence to n zeros, its pages first faulted in by the team.
 void sizeResident(MapVector<float>& v, std::size_t n) {
@@ -57,8 +62,8 @@ LookUpTableExtent measureLookUpTable(const GridMatrix& matrix, int factor, float
   std::uint64_t value_bins = 0, height_bins = 0, work = 0;
 #pragma omp parallel reduction(+ : value_bins, height_bins, work)
   {
-    const WorkRange range = staticSplit(rows, omp_get_num_threads(), omp_get_thread_num());
-    for (std::int64_t j = range.begin; j < range.end; ++j) {
+#pragma omp for schedule(dynamic, kRowsPerChunk) nowait
+    for (std::int64_t j = 0; j < rows; ++j) {
       for (std::int64_t i = 0; i < columns; ++i) {
         lut::prefetchAhead(walker, i, j, columns);
         const lut::BlockRanges r = lut::blockRanges(walker, i, j, value_step, height_step);
@@ -105,9 +110,9 @@ bool buildTable(const GridMatrix& matrix, int factor, float height_step, float v
 #pragma omp parallel num_threads(team) reduction(+ : work)
   {
     const int thread = omp_get_thread_num();
-    const WorkRange range = staticSplit(rows, omp_get_num_threads(), thread);
     std::int64_t value_n = 0, height_n = 0;
-    for (std::int64_t j = range.begin; j < range.end; ++j) {
+#pragma omp for schedule(dynamic, kRowsPerChunk) nowait
+    for (std::int64_t j = 0; j < rows; ++j) {
       for (std::int64_t i = 0; i < columns; ++i) {
         lut::prefetchAhead(walker, i, j, columns);
         const lut::BlockRanges r = lut::blockRanges(walker, i, j, value_step, height_step);
@@ -145,9 +150,9 @@ bool buildTable(const GridMatrix& matrix, int factor, float height_step, float v
 #pragma omp parallel num_threads(team)
   {
     const int thread = omp_get_thread_num();
-    const WorkRange range = staticSplit(rows, omp_get_num_threads(), thread);
     lut::HistogramKernel& kernel = *kernels[static_cast<std::size_t>(thread)];
-    for (std::int64_t j = range.begin; j < range.end; ++j) {
+#pragma omp for schedule(dynamic, kRowsPerChunk) nowait
+    for (std::int64_t j = 0; j < rows; ++j) {
       for (std::int64_t i = 0; i < columns; ++i) {
         lut::prefetchAhead(walker, i, j, columns);
         const MCellCoarse& rec = records[j * columns + i];

@@ -101,9 +101,9 @@
 // Threads: the block pass runs in OpenMP parallel regions with the default
 // team (a range pass that sizes every histogram, then a fill pass that
 // writes them into place; large tables are also faulted in by the team),
-// each splitting the rows of coarse positions by staticSplit
-// (parallel_split.h). Every histogram depends on its own block alone, so
-// the order in which blocks are visited is not part of the result. All
+// each handing rows of coarse positions to its threads a few at a time.
+// Every histogram depends on its own block alone, so the order in which
+// blocks are visited is not part of the result. All
 // regions have joined before the call returns. The result is identical,
 // bit for bit, for any number of threads.
 #ifndef ZORVANE_LOCALIZATION_LOOK_UP_TABLE_H_
