@@ -40,10 +40,10 @@ namespace {
 // waiting at the end of each pass.
 constexpr int kRowsPerChunk = 4;
 
-// Sizes a table sequence to n zeros, its pages first faulted in by the team.
+// Sizes a table sequence to n zeros. The allocation faults its pages in
+// with the team (map_allocator.h); the resize then writes resident memory.
 void sizeResident(MapVector<float>& v, std::size_t n) {
   v.reserve(n);
-  internal::prefaultMapBytes(v.data(), n * sizeof(float));
   v.resize(n);
 }
 

@@ -1,23 +1,30 @@
 // Memory for the large arrays of a map: the file buffer of a load, the cells
 // and position index, and the look-up table sequences. This is the one place
-// that decides how such memory is obtained and first touched.
+// that decides how such memory is obtained and first touched; MapVector and
+// MapFileBuffer both take it from here.
 //
 // Start-up of a vehicle is one fresh process writing about 2 GB of fresh
-// memory (file buffer, cells and index, table) exactly once; most of that
-// time is the kernel faulting in and zeroing pages. Measured in fresh
-// processes on the 10 M-cell map (bench/README.md):
-//  - Transparent huge pages cut the faults by a factor of 512 and make the
-//    load about 2.5x faster than with 4 KiB pages (0.28-0.31 s against
-//    0.69-0.81 s). Large blocks are therefore mapped straight from the
-//    kernel (already zero: no extra pass), aligned to 2 MiB and advised for
-//    huge pages. The price is that, where the kernel must first compact
-//    memory to find huge pages, a fault can stall; that tail is what the
-//    start-up benchmark watches.
-//  - Blocks that are written by one pass of the whole team (the table
-//    sequences) are faulted in by the team first (prefaultMapBytes), so
-//    the zeroing of their pages is shared instead of landing on the thread
-//    that sizes them.
-// Small blocks come from the ordinary heap.
+// memory (file buffer, cells and index, table) exactly once, and most of
+// that time is the kernel faulting pages in and zeroing them. The choice
+// below was made by the start-up benchmark's distributions (fresh
+// processes, bench/README.md), not by a warmed-up loop:
+//  - Large blocks are mapped straight from the kernel (already zero, no
+//    extra pass) and faulted in at once by the OpenMP team
+//    (MADV_POPULATE_WRITE, split over the threads), because every one of
+//    them is written whole right after it is taken. The zeroing is then
+//    shared instead of landing on the one thread that reads the file or
+//    sizes an array.
+//  - Ordinary 4 KiB pages, not transparent huge pages. Huge pages made the
+//    best load faster but the tail far worse: with them, loads of the
+//    10 M-cell map took 0.59-4.67 s (median 2.05 s) against 0.55-0.82 s
+//    (median 0.61 s) with ordinary pages faulted in by the team, the plain
+//    loader taking 1.02-1.54 s in the same interleaved runs. A huge page
+//    needs 2 MiB of contiguous free memory, which the kernel may first have
+//    to compact or obtain, and that stall lands on start-up. A vehicle
+//    needs the predictable one.
+// Small blocks come from the ordinary heap. A vector grown element by
+// element holds its whole capacity resident; the map's arrays are sized
+// exactly.
 #ifndef ZORVANE_LOCALIZATION_MAP_ALLOCATOR_H_
 #define ZORVANE_LOCALIZATION_MAP_ALLOCATOR_H_
 
@@ -30,13 +37,14 @@ namespace zorvane {
 namespace localization {
 namespace internal {
 
-// Blocks of at least kHugeBlockThreshold bytes are mapped from the kernel,
-// aligned to and padded to a multiple of kHugePageBytes, and advised for
-// huge pages.
-constexpr std::size_t kHugePageBytes = std::size_t{2} << 20;
-constexpr std::size_t kHugeBlockThreshold = 4 * kHugePageBytes;
+// Blocks of at least kLargeBlockBytes bytes are mapped from the kernel and
+// faulted in by the team; prefaulting hands out kPrefaultChunkBytes at a
+// time.
+constexpr std::size_t kLargeBlockBytes = std::size_t{8} << 20;
+constexpr std::size_t kPrefaultChunkBytes = std::size_t{2} << 20;
 
-// A zero-filled block of `bytes` bytes (nullptr for 0). Throws
+// A zero-filled block of `bytes` bytes (nullptr for 0); a large one is
+// already faulted in (prefaultMapBytes). Throws
 // std::bad_alloc when the memory cannot be had. `bytes` must be passed
 // unchanged to releaseMapBytes, which picks the matching release from it.
 void* allocateMapBytes(std::size_t bytes);

@@ -72,9 +72,6 @@ FileReadStatus readWholeFile(const std::string& path, std::int64_t max_bytes, Ma
   if (st.st_size > max_bytes) return FileReadStatus::kTooLarge;
 
   MapFileBuffer buffer(static_cast<std::size_t>(st.st_size));
-  // The read would fault the buffer in page by page on this thread; the
-  // team faults it in first.
-  prefaultMapBytes(buffer.data(), buffer.size());
   std::size_t done = 0;
   while (done < buffer.size()) {
     const ssize_t got = read(fd.get(), buffer.data() + done, buffer.size() - done);

@@ -5,8 +5,7 @@
 // so the cost of the load is dominated by first touch of fresh memory. The
 // buffer's memory comes from allocateMapBytes (map_allocator.h), which
 // decides for all of a map's large arrays how memory is obtained: it is
-// zero without an extra pass, and huge-page backed where the kernel offers
-// it.
+// zero without an extra pass and already faulted in by the OpenMP team.
 #ifndef ZORVANE_LOCALIZATION_MAP_FILE_BUFFER_H_
 #define ZORVANE_LOCALIZATION_MAP_FILE_BUFFER_H_
 

@@ -1,5 +1,5 @@
-// Memory of the map's large arrays: zero-filled, huge-page aligned where
-// large, and unchanged by pre-faulting; the file buffer takes the same.
+// Memory of the map's large arrays: zero-filled, page aligned where large,
+// and unchanged by pre-faulting; the file buffer takes the same.
 #include "localization/map_allocator.h"
 
 #include <gtest/gtest.h>
@@ -15,14 +15,14 @@ namespace {
 using namespace zorvane::localization;
 using namespace zorvane::localization::internal;
 
-TEST(MapAllocator, BlocksAreZeroFilledAndLargeOnesHugePageAligned) {
-  for (std::size_t bytes : {std::size_t{1}, std::size_t{4095}, kHugeBlockThreshold - 1, kHugeBlockThreshold,
-                            kHugeBlockThreshold + 12345, 3 * kHugeBlockThreshold}) {
+TEST(MapAllocator, BlocksAreZeroFilledAndLargeOnesPageAligned) {
+  for (std::size_t bytes : {std::size_t{1}, std::size_t{4095}, kLargeBlockBytes - 1, kLargeBlockBytes,
+                            kLargeBlockBytes + 12345, 3 * kLargeBlockBytes}) {
     auto* p = static_cast<unsigned char*>(allocateMapBytes(bytes));
     ASSERT_NE(p, nullptr);
     EXPECT_TRUE(std::all_of(p, p + bytes, [](unsigned char c) { return c == 0; })) << bytes;
-    if (bytes >= kHugeBlockThreshold) {
-      EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % kHugePageBytes, 0u);
+    if (bytes >= kLargeBlockBytes) {
+      EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % 4096, 0u);
     }
     std::memset(p, 0xA5, bytes);  // the whole block is writable
     prefaultMapBytes(p, bytes);
@@ -34,17 +34,17 @@ TEST(MapAllocator, BlocksAreZeroFilledAndLargeOnesHugePageAligned) {
 }
 
 TEST(MapAllocator, VectorsAndFileBuffersUseIt) {
-  MapVector<float> v(kHugeBlockThreshold / sizeof(float) + 3, 1.5f);
-  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(v.data()) % kHugePageBytes, 0u);
+  MapVector<float> v(kLargeBlockBytes / sizeof(float) + 3, 1.5f);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(v.data()) % 4096, 0u);
   v.resize(7);
   v.shrink_to_fit();
   EXPECT_EQ(v.back(), 1.5f);
 
-  MapFileBuffer buffer(kHugeBlockThreshold + 1);
-  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer.data()) % kHugePageBytes, 0u);
+  MapFileBuffer buffer(kLargeBlockBytes + 1);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer.data()) % 4096, 0u);
   EXPECT_TRUE(std::all_of(buffer.data(), buffer.data() + buffer.size(), [](char c) { return c == 0; }));
   MapFileBuffer moved = std::move(buffer);
-  EXPECT_EQ(moved.size(), kHugeBlockThreshold + 1);
+  EXPECT_EQ(moved.size(), kLargeBlockBytes + 1);
   EXPECT_EQ(buffer.size(), 0u);
   MapFileBuffer small(10);
   EXPECT_TRUE(std::all_of(small.data(), small.data() + 10, [](char c) { return c == 0; }));
