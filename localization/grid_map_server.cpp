@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <iostream>
 #include <map>
-#include <utility>
 #include <string>
+#include <utility>
 
 #include "gpu_aligner/gpu_aligner.h"
 #include "localization/look_up_table.h"
