@@ -58,15 +58,23 @@ class GridMapServer : public common::CommonBase {
   bool loadFullResMap();
 
   // Makes sure the map's table cache holds `level` (an existing table is
-  // kept as it is). Always true.
+  // kept as it is, and true returned). A table that is not cached is built
+  // as generateMatrixTalbe(level) would build it, but only when the
+  // builder's range pass finds it within the start-up budget of the loaded
+  // map (N cells): at most 320 N + 2^24 bins of both axes together, at
+  // most 1024 N + 2^25 bin evaluations, and no sequence beyond INT_MAX
+  // elements. Otherwise no bin is allocated, the cache is left as it was
+  // and the result is false.
   bool calcSubSampledMatrix(int level);
 
   // Hands the full-resolution geometry, then its cells and position index,
-  // to the GPU matcher. Always true; nothing is checked or copied.
+  // to the GPU matcher; nothing is copied. False, with nothing sent, when a
+  // count does not fit the matcher's int.
   bool copyFullResMatrixGpu();
 
   // Hands the cached table of `level` to the GPU matcher: its geometry, then
-  // the height table, the value table and the coarse records. Always true.
+  // the height table, the value table and the coarse records. False, with
+  // nothing sent, when a sequence's size does not fit the matcher's int.
   // A level that is not cached ends the process with status 255 after
   // "map::at" on standard error, before anything is sent.
   bool copySubSampledMatrixGpu(int level);

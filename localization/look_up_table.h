@@ -50,8 +50,8 @@
 // offset = the running sum of the earlier records' counts on that axis; an
 // empty histogram stores count 0, first 0 and the running offset.
 //
-// Decisions on points the algorithm leaves open
-// ---------------------------------------------
+// Our decisions where the arithmetic alone does not settle the result
+// -----------------------------------------------------------------
 // - Steps of the empty table: 0, 0 (default construction).
 // - Height ranges wider than 65535 bins are clipped to their first 65535 bins
 //   (first bin kept, last = first + 65534); the normalisation runs over the
@@ -92,7 +92,7 @@
 // - A position whose flat index is beyond index_.size(), or whose entry is
 //   negative or not below cells_.size(), does not take part.
 // - Non-finite cell numbers and non-positive or non-finite steps follow the
-//   stated arithmetic (with the conversions above); their bins may hold NaN
+//   arithmetic above (with the conversions above); their bins may hold NaN
 //   or infinities. A zero prepared spread with its infinite weight gives
 //   NaN bins, exactly as the arithmetic says. Where a bin is NaN, its sign
 //   and payload are not part of the result (the compiler may order the
@@ -101,29 +101,50 @@
 // Threads: the block pass runs in OpenMP parallel regions with the default
 // team (a range pass that sizes every histogram, then a fill pass that
 // writes them into place; large tables are also faulted in by the team),
-// each splitting the coarse columns by staticSplit (parallel_split.h), each
-// thread taking rows from 0 upwards. All regions have joined before the
-// call returns. The result is identical, bit for bit, for any number of
-// threads.
+// each handing rows of coarse positions to its threads a few at a time.
+// Every histogram depends on its own block alone, so the order in which
+// blocks are visited is not part of the result. All
+// regions have joined before the call returns. The result is identical,
+// bit for bit, for any number of threads.
 #ifndef ZORVANE_LOCALIZATION_LOOK_UP_TABLE_H_
 #define ZORVANE_LOCALIZATION_LOOK_UP_TABLE_H_
+
+#include <cstdint>
+#include <functional>
 
 #include "localization/grid_matrix.h"
 
 namespace zorvane {
 namespace localization {
-namespace internal {
 
-// How the builder carries out arithmetic that may involve subnormal floats
-// (the far tails of the Gaussians). Every path gives the same bits; they
-// differ only in speed. kAuto, the default, avoids subnormal operands on
-// Intel cores, where each costs a microcode assist, and uses the hardware
-// directly elsewhere. The setting is process-wide; it exists so that tests
-// can run both paths on any machine. Not for use while a table is built.
-enum class SubnormalPath { kAuto, kAvoid, kHardware };
-void setSubnormalPath(SubnormalPath path);
+// What getLookUpTable(factor, height_step, value_step) would build from
+// `matrix`, found without building it: one parallel pass over the blocks
+// (the builder's own range pass), no allocation beyond the team's.
+struct LookUpTableExtent {
+  std::uint64_t records = 0;      // grid_size_ of the table
+  std::uint64_t value_bins = 0;   // elements of value_table_
+  std::uint64_t height_bins = 0;  // elements of height_table_
+  // Bin evaluations: over every block, (value bins + height bins) times the
+  // block's taking-part cells. The fill pass's time is proportional to it.
+  std::uint64_t work = 0;
+};
+// An unprepared matrix, or one whose coarse grid is empty, gives all zeros.
+// The same preconditions as getLookUpTable; the counts are exact.
+LookUpTableExtent measureLookUpTable(const GridMatrix& matrix, int factor, float height_step, float value_step);
 
-}  // namespace internal
+// getLookUpTable with a say before the bins are allocated: the range pass
+// measures the table (exactly as measureLookUpTable would) and hands the
+// extent to `accept`. When it returns true the table is built into *table,
+// bit for bit what getLookUpTable returns, and the result is true. When it
+// returns false nothing beyond the coarse records (16 bytes per coarse
+// position) has been allocated or computed, *table holds the geometry and
+// records only, and the result is false. An unprepared matrix or an empty
+// coarse grid is offered the all-zero extent. Unlike getLookUpTable, a
+// table beyond the 32-bit offsets is first offered to `accept` (which
+// should refuse it; otherwise std::bad_alloc).
+bool buildLookUpTableWithin(const GridMatrix& matrix, int factor, float height_step, float value_step,
+                            const std::function<bool(const LookUpTableExtent&)>& accept, GridMatrixTable* table);
+
 }  // namespace localization
 }  // namespace zorvane
 

@@ -1,12 +1,30 @@
-// Allocator for the large arrays of a map: cells, position index and the
-// look-up table sequences.
+// Memory for the large arrays of a map: the file buffer of a load, the cells
+// and position index, and the look-up table sequences. This is the one place
+// that decides how such memory is obtained and first touched; MapVector and
+// MapFileBuffer both take it from here.
 //
-// It behaves like std::allocator (elements are value-initialised by the
-// containers as usual) but asks the kernel for transparent huge pages on
-// big blocks. A map's arrays run to hundreds of megabytes and are written
-// once right after allocation; with 4 KiB pages most of that first write is
-// page-fault handling. Where huge pages are not offered the hint is ignored
-// and the memory behaves as ordinary heap memory.
+// Start-up of a vehicle is one fresh process writing about 2 GB of fresh
+// memory (file buffer, cells and index, table) exactly once, and most of
+// that time is the kernel faulting pages in and zeroing them. The choice
+// below was made by the start-up benchmark's distributions (fresh
+// processes, bench/README.md), not by a warmed-up loop:
+//  - Large blocks are mapped straight from the kernel (already zero, no
+//    extra pass) and faulted in at once by the OpenMP team
+//    (MADV_POPULATE_WRITE, split over the threads), because every one of
+//    them is written whole right after it is taken. The zeroing is then
+//    shared instead of landing on the one thread that reads the file or
+//    sizes an array.
+//  - Ordinary 4 KiB pages, not transparent huge pages. Huge pages made the
+//    best load faster but the tail far worse: with them, loads of the
+//    10 M-cell map took 0.59-4.67 s (median 2.05 s) against 0.55-0.82 s
+//    (median 0.61 s) with ordinary pages faulted in by the team, the plain
+//    loader taking 1.02-1.54 s in the same interleaved runs. A huge page
+//    needs 2 MiB of contiguous free memory, which the kernel may first have
+//    to compact or obtain, and that stall lands on start-up. A vehicle
+//    needs the predictable one.
+// Small blocks come from the ordinary heap. A vector grown element by
+// element holds its whole capacity resident; the map's arrays are sized
+// exactly.
 #ifndef ZORVANE_LOCALIZATION_MAP_ALLOCATOR_H_
 #define ZORVANE_LOCALIZATION_MAP_ALLOCATOR_H_
 
@@ -19,18 +37,29 @@ namespace zorvane {
 namespace localization {
 namespace internal {
 
-// Blocks of at least this many bytes are aligned to, and padded to a
-// multiple of, the huge page size and advised for huge pages.
-constexpr std::size_t kHugePageBytes = std::size_t{2} << 20;
-constexpr std::size_t kHugeBlockThreshold = 4 * kHugePageBytes;
+// Blocks of at least kLargeBlockBytes bytes are mapped from the kernel and
+// faulted in by the team; prefaulting hands out kPrefaultChunkBytes at a
+// time.
+constexpr std::size_t kLargeBlockBytes = std::size_t{8} << 20;
+constexpr std::size_t kPrefaultChunkBytes = std::size_t{2} << 20;
 
-// Throws std::bad_alloc on failure. `bytes` must be passed unchanged to
-// releaseMapBytes, which picks the matching release path from it.
+// A zero-filled block of `bytes` bytes (nullptr for 0); a large one is
+// already faulted in (prefaultMapBytes). Throws
+// std::bad_alloc when the memory cannot be had. `bytes` must be passed
+// unchanged to releaseMapBytes, which picks the matching release from it.
 void* allocateMapBytes(std::size_t bytes);
 void releaseMapBytes(void* p, std::size_t bytes) noexcept;
 
+// Faults in the pages of [p, p + bytes) for writing, the work split over an
+// OpenMP team of the default size. Only a hint: where the kernel does not
+// offer it, or for a small range, nothing happens and the pages are faulted
+// by their first write as usual. Never changes the bytes.
+void prefaultMapBytes(void* p, std::size_t bytes);
+
 }  // namespace internal
 
+// std::allocator for the map's arrays, with their memory from
+// allocateMapBytes. Elements are initialised by the containers as usual.
 template <class T>
 struct MapAllocator {
   using value_type = T;
@@ -43,9 +72,7 @@ struct MapAllocator {
     if (n > std::numeric_limits<std::size_t>::max() / sizeof(T)) throw std::bad_alloc();
     return static_cast<T*>(internal::allocateMapBytes(n * sizeof(T)));
   }
-  void deallocate(T* p, std::size_t n) noexcept {
-    internal::releaseMapBytes(p, n * sizeof(T));
-  }
+  void deallocate(T* p, std::size_t n) noexcept { internal::releaseMapBytes(p, n * sizeof(T)); }
 };
 
 template <class T, class U>

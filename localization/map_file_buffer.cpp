@@ -1,7 +1,6 @@
 #include "localization/map_file_buffer.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,51 +15,20 @@ namespace zorvane {
 namespace localization {
 namespace internal {
 
-MapFileBuffer::MapFileBuffer(std::size_t bytes) {
-  if (bytes == 0) return;
-  if (bytes < kHugePageBytes) {
-    data_ = static_cast<char*>(std::calloc(bytes, 1));
-    if (data_ == nullptr) throw std::bad_alloc();
-    size_ = bytes;
-    return;
-  }
-  // Anonymous memory is zero-filled by the kernel. Map one huge page more
-  // than needed and give back the unaligned head and the tail, so that the
-  // block starts on a 2 MiB boundary and can be backed by huge pages from
-  // its first byte.
-  const std::size_t padded = (bytes + kHugePageBytes - 1) / kHugePageBytes * kHugePageBytes;
-  if (padded < bytes || padded + kHugePageBytes < padded) throw std::bad_alloc();
-  const std::size_t span = padded + kHugePageBytes;
-  void* raw = mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (raw == MAP_FAILED) throw std::bad_alloc();
-  const auto base = reinterpret_cast<std::uintptr_t>(raw);
-  const std::uintptr_t aligned = (base + kHugePageBytes - 1) & ~(std::uintptr_t{kHugePageBytes} - 1);
-  const std::size_t head = aligned - base;
-  const std::size_t tail = span - head - padded;
-  if (head > 0) munmap(raw, head);
-  if (tail > 0) munmap(reinterpret_cast<void*>(aligned + padded), tail);
-  // Only a hint: without transparent huge pages the kernel answers EINVAL
-  // and the block stays ordinary memory.
-  (void)madvise(reinterpret_cast<void*>(aligned), padded, MADV_HUGEPAGE);
-  mapping_ = reinterpret_cast<void*>(aligned);
-  mapping_bytes_ = padded;
-  data_ = static_cast<char*>(mapping_);
-  size_ = bytes;
-}
+MapFileBuffer::MapFileBuffer(std::size_t bytes)
+    : data_(static_cast<char*>(allocateMapBytes(bytes))), size_(bytes), allocated_(bytes) {}
 
 MapFileBuffer::MapFileBuffer(MapFileBuffer&& other) noexcept
     : data_(std::exchange(other.data_, nullptr)),
       size_(std::exchange(other.size_, 0)),
-      mapping_(std::exchange(other.mapping_, nullptr)),
-      mapping_bytes_(std::exchange(other.mapping_bytes_, 0)) {}
+      allocated_(std::exchange(other.allocated_, 0)) {}
 
 MapFileBuffer& MapFileBuffer::operator=(MapFileBuffer&& other) noexcept {
   if (this != &other) {
     release();
     data_ = std::exchange(other.data_, nullptr);
     size_ = std::exchange(other.size_, 0);
-    mapping_ = std::exchange(other.mapping_, nullptr);
-    mapping_bytes_ = std::exchange(other.mapping_bytes_, 0);
+    allocated_ = std::exchange(other.allocated_, 0);
   }
   return *this;
 }
@@ -68,15 +36,10 @@ MapFileBuffer& MapFileBuffer::operator=(MapFileBuffer&& other) noexcept {
 MapFileBuffer::~MapFileBuffer() { release(); }
 
 void MapFileBuffer::release() noexcept {
-  if (mapping_ != nullptr) {
-    munmap(mapping_, mapping_bytes_);
-  } else {
-    std::free(data_);
-  }
+  releaseMapBytes(data_, allocated_);
   data_ = nullptr;
   size_ = 0;
-  mapping_ = nullptr;
-  mapping_bytes_ = 0;
+  allocated_ = 0;
 }
 
 namespace {

@@ -3,10 +3,9 @@
 // A map file is moved between disk and memory in one piece. For a large map
 // the buffer runs to hundreds of megabytes that are written exactly once,
 // so the cost of the load is dominated by first touch of fresh memory. The
-// buffer is therefore taken straight from the kernel (already zero, no
-// extra pass), aligned to 2 MiB and advised for transparent huge pages,
-// which cuts the page faults of that first touch by a factor of 512 where
-// the kernel offers huge pages and costs nothing where it does not.
+// buffer's memory comes from allocateMapBytes (map_allocator.h), which
+// decides for all of a map's large arrays how memory is obtained: it is
+// zero without an extra pass and already faulted in by the OpenMP team.
 #ifndef ZORVANE_LOCALIZATION_MAP_FILE_BUFFER_H_
 #define ZORVANE_LOCALIZATION_MAP_FILE_BUFFER_H_
 
@@ -43,8 +42,7 @@ class MapFileBuffer {
 
   char* data_ = nullptr;
   std::size_t size_ = 0;
-  void* mapping_ = nullptr;       // the kernel mapping holding data_, if any
-  std::size_t mapping_bytes_ = 0;
+  std::size_t allocated_ = 0;  // bytes asked of allocateMapBytes
 };
 
 enum class FileReadStatus {

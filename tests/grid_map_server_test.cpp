@@ -8,8 +8,10 @@
 #include <unistd.h>
 #include <yaml-cpp/yaml.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <fstream>
 #include <string>
 #include <tuple>
@@ -17,6 +19,8 @@
 
 #include "gpu_aligner_stand_in/stand_in_record.h"
 #include "localization/grid_map_lossy.h"
+#include "localization/little_endian.h"
+#include "localization/lossy_format.h"
 #include "localization/runtime_error.h"
 #include "tests/support/synthetic_map.h"
 
@@ -25,6 +29,7 @@ namespace {
 namespace fs = std::filesystem;
 namespace stand_in = zorvane::gpu_stand_in;
 using namespace zorvane::localization;
+namespace lossy = zorvane::localization::lossy;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 
@@ -282,6 +287,113 @@ TEST_F(ServerTest, UploadOfALevelThatIsNotCachedEndsTheProcess) {
       testing::ExitedWithCode(255), "^map::at\n$");
   EXPECT_EXIT(GridMapServer().copySubSampledMatrixGpu(4), testing::ExitedWithCode(255),
               "^map::at\n$");
+}
+
+// ---------------------------------------------------------------------------
+// Start-up budget: what one file may cost in table memory and time.
+
+// A zvmap file built byte by byte: a cols x rows grid, one cell at each of
+// `positions`, every cell with value means 100, value sigmas 1.00, height
+// means 0 above `height_base` and height sigmas `height_sigma` hundredths.
+std::vector<char> handBuiltMap(std::int32_t cols, std::int32_t rows, const std::vector<std::uint32_t>& positions,
+                               std::uint16_t height_sigma, float height_base) {
+  namespace le = zorvane::localization::internal;
+  std::vector<char> file(lossy::kHeaderBytes + lossy::kRecordBytes * positions.size(), 0);
+  std::memcpy(file.data(), lossy::kMagic, lossy::kMagicBytes);
+  le::encodeFloat32(&file[lossy::kHeightBaseOffset], height_base);
+  le::encodeFixed32(&file[lossy::kBodySizeOffset], static_cast<std::uint32_t>(lossy::kRecordBytes * positions.size()));
+  le::encodeFixed32(&file[lossy::kRowsOffset], static_cast<std::uint32_t>(rows));
+  le::encodeFixed32(&file[lossy::kColsOffset], static_cast<std::uint32_t>(cols));
+  char* record = file.data() + lossy::kHeaderBytes;
+  for (std::uint32_t position : positions) {
+    le::encodeFixed32(record, position);
+    record[6] = record[7] = static_cast<char>(100);  // value means
+    le::encodeFixed16(record + 8, 100);              // value sigmas 1.00
+    le::encodeFixed16(record + 10, 100);
+    record[12] = static_cast<char>(128);              // value weights
+    le::encodeFixed16(record + 17, height_sigma);
+    le::encodeFixed16(record + 19, height_sigma);
+    record[21] = static_cast<char>(128);              // height weights
+    record += lossy::kRecordBytes;
+  }
+  return file;
+}
+
+// Every position of a side x side grid, or one position in every 4 x 4
+// block (one cell per block of the level-4 table).
+std::vector<std::uint32_t> everyPosition(std::uint32_t side) {
+  std::vector<std::uint32_t> p(side * side);
+  for (std::uint32_t i = 0; i < p.size(); ++i) p[i] = i;
+  return p;
+}
+std::vector<std::uint32_t> onePerBlock(std::uint32_t side) {
+  std::vector<std::uint32_t> p;
+  for (std::uint32_t y = 0; y < side; y += 4) {
+    for (std::uint32_t x = 0; x < side; x += 4) p.push_back(y * side + x);
+  }
+  return p;
+}
+
+TEST_F(ServerTest, FilesWhoseTableWouldExceedTheStartUpBudgetAreRefusedBeforeItIsBuilt) {
+  const float inf = std::numeric_limits<float>::infinity();
+  struct Case {
+    const char* name;
+    std::int32_t side;
+    std::vector<std::uint32_t> positions;
+    std::uint16_t height_sigma;
+    float height_base;
+    bool starts;
+  };
+  const Case cases[] = {
+      // 4,096 blocks of 16 cells at the 65,535-bin clip: 268 M height bins
+      // (1 GiB) from a 1.44 MB file.
+      {"height sigma 655.35 everywhere", 256, everyPosition(256), 65535, 0.f, false},
+      // Infinite height means put every block at the clip.
+      {"infinite height origin", 256, everyPosition(256), 10, inf, false},
+      // One cell per block is enough.
+      {"one far cell per block", 256, onePerBlock(256), 6000, 0.f, false},
+      // The same grids with ordinary heights start.
+      {"ordinary heights", 256, everyPosition(256), 10, 0.f, true},
+      {"ordinary heights, one cell per block", 256, onePerBlock(256), 10, 0.f, true},
+      // A few blocks at the clip fit the fixed allowance.
+      {"one cell at the clip", 64, {100}, 65535, 0.f, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    stand_in::resetRecord();
+    const std::string path = (dir_ / "budget.gridmap").string();
+    const std::vector<char> bytes = handBuiltMap(c.side, c.side, c.positions, c.height_sigma, c.height_base);
+    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    GridMapServer server;
+    const std::string out = start(server, section(path));
+    if (c.starts) {
+      EXPECT_EQ(out, green(path));
+      EXPECT_EQ(rec().callNames(), kFourCalls);
+      EXPECT_TRUE(rec().verdict.consistent());
+    } else {
+      EXPECT_EQ(out, green(path) + red("Fail loading map into MapServer") + kThrew11804);
+      EXPECT_TRUE(rec().calls.empty());
+    }
+  }
+}
+
+// A 105-byte file whose header declares a 253 x 65540 grid (the largest a
+// two-cell file may declare, about a million coarse positions) with both
+// cells at the height clip: within the budget, and started in proportion to
+// its grid, not its bins.
+TEST_F(ServerTest, ATinyFileWithALargeGridAndClippedCellsStarts) {
+  const std::string path = (dir_ / "tiny.gridmap").string();
+  const std::vector<char> bytes = handBuiltMap(253, 65540, {0, 253 * 65540 - 1}, 65535, 0.f);
+  ASSERT_EQ(bytes.size(), 105u);
+  std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  GridMapServer server;
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(start(server, section(path)), green(path));
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  EXPECT_EQ(rec().callNames(), kFourCalls);
+  EXPECT_EQ(rec().height_count, 2 * 65535);
+  EXPECT_TRUE(rec().verdict.consistent());
+  RecordProperty("seconds", std::to_string(seconds));
 }
 
 }  // namespace

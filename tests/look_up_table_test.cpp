@@ -17,13 +17,13 @@
 #include <tuple>
 #include <vector>
 
+#include "localization/look_up_table_histogram.h"
 #include "tests/support/plain_look_up_table.h"
 #include "tests/support/synthetic_map.h"
 
 namespace {
 
 using namespace zorvane::localization;
-using internal::SubnormalPath;
 using zorvane::testing::plainLookUpTable;
 using zorvane::testing::makeSyntheticMap;
 
@@ -34,17 +34,6 @@ std::uint32_t bits(float v) {
   std::uint32_t b = 0;
   std::memcpy(&b, &v, sizeof b);
   return b;
-}
-
-// Runs fn(path name) once with each way of treating subnormal arithmetic,
-// then restores the default; both must give the same bits.
-template <class Fn>
-void forEachSubnormalPath(Fn&& fn) {
-  for (SubnormalPath path : {SubnormalPath::kAvoid, SubnormalPath::kHardware}) {
-    internal::setSubnormalPath(path);
-    fn(path == SubnormalPath::kAvoid ? "avoiding subnormals" : "hardware subnormals");
-  }
-  internal::setSubnormalPath(SubnormalPath::kAuto);
 }
 
 // Runs fn with the default OpenMP team set to `threads`.
@@ -289,21 +278,97 @@ TEST(LookUpTableExact, RandomAndSyntheticMatricesMatchThePlainBuilder) {
     const Case& c = cases[i];
     const GridMatrixTable plain =
         withThreads(2, [&] { return plainLookUpTable(c.matrix, c.factor, c.height_step, c.value_step); });
-    forEachSubnormalPath([&](const char* path) {
-      for (int threads : {1, 2, 3, 7}) {
-        const GridMatrixTable fast =
-            withThreads(threads, [&] { return c.matrix.getLookUpTable(c.factor, c.height_step, c.value_step); });
-        ASSERT_TRUE(sameTable(fast, plain)) << "case " << i << " (seeds from 1, then synthetic), " << threads
-                                            << " threads, factor " << c.factor << ", steps " << c.height_step
-                                            << "/" << c.value_step << ", " << path;
-      }
-    });
+    for (int threads : {1, 2, 3, 7}) {
+      // The vector width of the memo runs: SSE with one thread, the
+      // processor's widest otherwise.
+      zorvane::localization::lut::useWideVectors(threads != 1);
+      const GridMatrixTable fast =
+          withThreads(threads, [&] { return c.matrix.getLookUpTable(c.factor, c.height_step, c.value_step); });
+      ASSERT_TRUE(sameTable(fast, plain)) << "case " << i << " (seeds from 1, then synthetic), " << threads
+                                          << " threads, factor " << c.factor << ", steps " << c.height_step
+                                          << "/" << c.value_step;
+    }
+    zorvane::localization::lut::useWideVectors(true);
     if (HasFatalFailure()) return;
   }
 }
 
+// measureLookUpTable counts exactly what the builder then allocates; its
+// work is the bins of each block times the block's cells, counted here by
+// brute force over the built table's records.
+TEST(LookUpTableExtent, MeasuredCountsEqualTheBuiltTable) {
+  std::vector<Case> cases;
+  for (std::uint64_t seed = 1; seed <= 60; ++seed) cases.push_back(randomCase(seed));
+  auto map = makeSyntheticMap(97, 83, 5);
+  map.matrix.runPreCalc();
+  cases.push_back({map.matrix, 4, 0.15f, 1.0f});
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    const Case& c = cases[i];
+    const GridMatrixTable t = c.matrix.getLookUpTable(c.factor, c.height_step, c.value_step);
+    std::uint64_t work = 0;
+    for (std::int64_t j = 0; j < t.rows_ && t.grid_size_ > 0; ++j) {
+      for (std::int64_t x = 0; x < t.cols_; ++x) {
+        const MCellCoarse& r = t.coarse_cells_[static_cast<std::size_t>(j * t.cols_ + x)];
+        // Cells of the block: grid positions of this coarse position.
+        std::uint64_t cells = 0;
+        for (std::int64_t a = 0; a < c.factor; ++a) {
+          for (std::int64_t b = 0; b < c.factor; ++b) {
+            const std::int64_t gx = (x - t.offset_x_) * c.factor + c.matrix.offset_x_ + a;
+            const std::int64_t gy = (j - t.offset_y_) * c.factor + c.matrix.offset_y_ + b;
+            if (gx < 0 || gy < 0 || gx >= c.matrix.cols_ || gy >= c.matrix.rows_) continue;
+            const std::size_t flat = static_cast<std::size_t>(gy * c.matrix.cols_ + gx);
+            if (flat < c.matrix.index_.size() && c.matrix.index_[flat] >= 0 &&
+                static_cast<std::size_t>(c.matrix.index_[flat]) < c.matrix.cells_.size())
+              ++cells;
+          }
+        }
+        work += (static_cast<std::uint64_t>(r.value_bins) + r.height_bins) * cells;
+      }
+    }
+    for (int threads : {1, 3}) {
+      const LookUpTableExtent e =
+          withThreads(threads, [&] { return measureLookUpTable(c.matrix, c.factor, c.height_step, c.value_step); });
+      EXPECT_EQ(std::make_tuple(e.records, e.value_bins, e.height_bins, e.work),
+                std::make_tuple(std::uint64_t{t.grid_size_}, std::uint64_t{t.value_table_.size()},
+                                std::uint64_t{t.height_table_.size()}, work))
+          << "case " << i << ", " << threads << " threads";
+    }
+  }
+  // The budgeted builder offers the same extent, and builds the same table
+  // when it is accepted; refused, it leaves the bins unallocated.
+  for (std::size_t i = 0; i < cases.size(); i += 7) {
+    const Case& c = cases[i];
+    const LookUpTableExtent want = measureLookUpTable(c.matrix, c.factor, c.height_step, c.value_step);
+    for (bool yes : {true, false}) {
+      LookUpTableExtent offered;
+      GridMatrixTable t;
+      const bool built = buildLookUpTableWithin(
+          c.matrix, c.factor, c.height_step, c.value_step,
+          [&](const LookUpTableExtent& e) {
+            offered = e;
+            return yes;
+          },
+          &t);
+      EXPECT_EQ(built, yes);
+      EXPECT_EQ(std::make_tuple(offered.records, offered.value_bins, offered.height_bins, offered.work),
+                std::make_tuple(want.records, want.value_bins, want.height_bins, want.work))
+          << "case " << i;
+      if (yes) {
+        EXPECT_TRUE(sameTable(t, c.matrix.getLookUpTable(c.factor, c.height_step, c.value_step))) << "case " << i;
+      } else {
+        EXPECT_EQ(t.value_table_.capacity() + t.height_table_.capacity(), 0u) << "case " << i;
+      }
+    }
+  }
+
+  GridMatrix unprepared = map.matrix;
+  unprepared.precalculated_ = false;
+  const LookUpTableExtent none = measureLookUpTable(unprepared, 4, 0.15f, 1.0f);
+  EXPECT_EQ(none.records + none.value_bins + none.height_bins + none.work, 0u);
+}
+
 // ---------------------------------------------------------------------------
-// Decisions where the algorithm leaves a choice, and inputs outside the
+// Our decisions where the arithmetic leaves a choice, and inputs outside the
 // preconditions. Each must be bounded, defined and, where the plain builder
 // can follow, identical to it.
 
@@ -373,17 +438,14 @@ TEST(LookUpTableEdges, NonFiniteCellsAndZeroSpreadsFollowThePlainArithmetic) {
   zero.precalculated_ = false;
   zero.runPreCalc();
 
-  forEachSubnormalPath([&](const char* path) {
-    SCOPED_TRACE(path);
-    for (int threads : {1, 3}) {
-      const GridMatrixTable t = withThreads(threads, [&] { return m.getLookUpTable(2, 0.15f, 1.0f); });
-      EXPECT_TRUE(sameTable(t, plain));
-      for (const MCellCoarse& r : t.coarse_cells_) EXPECT_LE(r.height_bins, 65535);
-    }
-    const GridMatrixTable z = checked(zero, 1);
-    ASSERT_GT(z.value_table_.size(), 0u);
-    for (float v : z.value_table_) EXPECT_TRUE(std::isnan(v));
-  });
+  for (int threads : {1, 3}) {
+    const GridMatrixTable t = withThreads(threads, [&] { return m.getLookUpTable(2, 0.15f, 1.0f); });
+    EXPECT_TRUE(sameTable(t, plain));
+    for (const MCellCoarse& r : t.coarse_cells_) EXPECT_LE(r.height_bins, 65535);
+  }
+  const GridMatrixTable z = checked(zero, 1);
+  ASSERT_GT(z.value_table_.size(), 0u);
+  for (float v : z.value_table_) EXPECT_TRUE(std::isnan(v));
 }
 
 TEST(LookUpTableEdges, ExtremeGeometryDoesNotOverflowOrAllocateWildly) {
@@ -455,12 +517,9 @@ TEST(LookUpTableEdges, BadStepsStayBounded) {
   putCell(m, 0, 0, preparedCell(60.f, 4.f, 1.f, 0.3f));
   putCell(m, 2, 1, preparedCell(61.f, 3.f, 2.f, 0.1f));
   for (float step : {0.f, -0.15f, kNaN, kInf, 1e-30f}) {
-    forEachSubnormalPath([&](const char* path) {
-      SCOPED_TRACE(path);
-      const GridMatrixTable t = checked(m, 3, step, step);
-      EXPECT_LE(t.value_table_.size(), 256u);
-      EXPECT_LE(t.height_table_.size(), 65535u);
-    });
+    const GridMatrixTable t = checked(m, 3, step, step);
+    EXPECT_LE(t.value_table_.size(), 256u);
+    EXPECT_LE(t.height_table_.size(), 65535u);
   }
 }
 

@@ -1,0 +1,391 @@
+// Start-up of a 10 M-cell map as a vehicle sees it: every measured
+// operation runs in a fresh process, so that every page the operation
+// writes is a page the kernel must first hand out, exactly as at a real
+// start-up. (An in-process benchmark loop reuses memory the process already
+// touched and hides that cost and its spread.)
+//
+//   startup_bench [--runs N] [--plain_runs M] [--map PATH] [--threads T]
+//                 [--only OPS]
+//
+// Generates the synthetic 5000 x 5000 street map into PATH when it is
+// missing (default build/startup_map_5000.zvmap relative to the working
+// directory), then runs each operation N times (the plain table and the
+// plain init M times: they take half a minute each), ours and plain
+// interleaved, each in a child process with OMP_NUM_THREADS=T (default 2),
+// and prints one table row per operation: min, median, p90 and max seconds
+// and the largest peak resident memory of the child. OPS is a comma list of
+// operation names (see kOperations) to run a subset.
+//
+// A child is this program again with --child OP: it does the untimed
+// preparation the operation needs (the load, for the table alone), times
+// the operation and prints "RESULT <seconds> <peak resident bytes>".
+#include <omp.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <yaml-cpp/yaml.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "gpu_aligner/gpu_aligner.h"
+#include "localization/grid_map_lossy.h"
+#include "localization/lossy_format.h"
+#include "localization/grid_map_server.h"
+#include "localization/look_up_table.h"
+#include "tests/support/plain_look_up_table.h"
+#include "tests/support/synthetic_map.h"
+
+namespace zorvane {
+namespace {
+
+using localization::GridMapLossy;
+using localization::GridMatrix;
+using localization::GridMatrixTable;
+using localization::MCell;
+
+constexpr int kSide = 5000;
+constexpr std::uint64_t kSeed = 42;
+
+// --- In the child. ---
+
+std::int64_t peakResidentBytes() {
+  std::ifstream in("/proc/self/status");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.compare(0, 6, "VmHWM:") == 0) return std::stoll(line.substr(6)) * 1024;
+  }
+  return -1;
+}
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// User plus system time of the whole process so far, all threads.
+double cpuSeconds() {
+  rusage u;
+  getrusage(RUSAGE_SELF, &u);
+  return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+         static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) * 1e-6;
+}
+
+// Wall and CPU time from construction; stop() stores both.
+struct Timer {
+  std::chrono::steady_clock::time_point wall = std::chrono::steady_clock::now();
+  double cpu = cpuSeconds();
+  double stop(double* cpu_out) const {
+    *cpu_out = cpuSeconds() - cpu;
+    return secondsSince(wall);
+  }
+};
+
+// Library progress lines are not part of the result.
+struct QuietStdout {
+  QuietStdout() { std::cout.setstate(std::ios::badbit); }
+  ~QuietStdout() { std::cout.clear(); }
+};
+
+// The plain side: the file through a zero-filled std::vector buffer,
+// decoded into standard vectors (4 KiB pages, one construction pass, then
+// the decode), the cells prepared as runPreCalc does.
+struct PlainMap {
+  GridMatrix matrix;  // geometry only; cells and index in the vectors below
+  std::vector<std::int32_t> index;
+  std::vector<MCell> cells;
+};
+
+bool plainLoad(const std::string& path, PlainMap* out) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  in.seekg(0, std::ios::end);
+  const auto length = static_cast<std::size_t>(in.tellg());
+  in.seekg(0, std::ios::beg);
+  std::vector<char> buf(length);
+  in.read(buf.data(), static_cast<std::streamsize>(length));
+  GridMapLossy header;
+  header.loadHeaderBinary(buf.data());
+  const localization::lossy::CellScales scales{0.01f, 0.01f, 0.01f, 0.01f, header.height_base_, header.aux_value_base_};
+  const std::uint32_t records = header.body_size_ / 22;
+  out->matrix.manualInit(header.matrix().resolution_, header.matrix().cols_, header.matrix().rows_,
+                         header.matrix().offset_x_, header.matrix().offset_y_);
+  out->index.assign(header.matrix().grid_size_, -1);
+  out->cells.resize(records);
+  for (std::uint32_t i = 0; i < records; ++i) {
+    const char* record = buf.data() + 61 + 22 * static_cast<std::size_t>(i);
+    const std::uint32_t position = localization::lossy::decodeRecordPosition(record);
+    if (position >= out->index.size()) return false;
+    out->index[position] = static_cast<std::int32_t>(i);
+    localization::lossy::decodeCellRecord(record, scales, &out->cells[i]);
+  }
+  const auto n = static_cast<std::int64_t>(out->cells.size());
+#pragma omp parallel for schedule(static)
+  for (std::int64_t i = 0; i < n; ++i) {
+    MCell& c = out->cells[static_cast<std::size_t>(i)];
+    float* sigma[4] = {&c.value_sigma[0], &c.value_sigma[1], &c.height_sigma[0], &c.height_sigma[1]};
+    float* weight[4] = {&c.value_weight[0], &c.value_weight[1], &c.height_weight[0], &c.height_weight[1]};
+    for (int k = 0; k < 4; ++k) {
+      const float s = *sigma[k];
+      *weight[k] = *weight[k] / s;
+      *sigma[k] = s * (s + s);
+    }
+  }
+  return true;
+}
+
+// The plain table builder takes a GridMatrix; the plain map's vectors are
+// copied into one outside the timing.
+GridMatrix plainMatrix(const PlainMap& plain) {
+  GridMatrix m = plain.matrix;
+  m.index_.assign(plain.index.begin(), plain.index.end());
+  m.cells_.assign(plain.cells.begin(), plain.cells.end());
+  m.precalculated_ = true;
+  return m;
+}
+
+localization::MatrixConfig configOf(const localization::GridMatrixBase& m) {
+  localization::MatrixConfig c;
+  c.resolution = m.resolution_;
+  c.grid_size = m.grid_size_;
+  c.cols = m.cols_;
+  c.rows = m.rows_;
+  c.offset_x = m.offset_x_;
+  c.offset_y = m.offset_y_;
+  return c;
+}
+
+// Runs one operation; false when it failed.
+bool runChild(const std::string& op, const std::string& path, double* seconds, double* cpu) {
+  QuietStdout quiet;
+  if (op == "load" || op == "load_no_thp") {
+    GridMapLossy map;
+    const Timer start;
+    const bool ok = map.ReadFromFile(path);
+    *seconds = start.stop(cpu);
+    return ok;
+  }
+  if (op == "plain_load") {
+    PlainMap plain;
+    const Timer start;
+    const bool ok = plainLoad(path, &plain);
+    *seconds = start.stop(cpu);
+    return ok;
+  }
+  if (op == "table" || op == "measure") {
+    GridMapLossy map;
+    if (!map.ReadFromFile(path)) return false;
+    const Timer start;
+    if (op == "table") {
+      const GridMatrixTable table = map.matrix().getLookUpTable(4, 0.15f, 1.0f);
+      *seconds = start.stop(cpu);
+      return table.grid_size_ > 0;
+    }
+    const localization::LookUpTableExtent e = localization::measureLookUpTable(map.matrix(), 4, 0.15f, 1.0f);
+    *seconds = start.stop(cpu);
+    std::cerr << "extent: records " << e.records << ", value bins " << e.value_bins << ", height bins " << e.height_bins
+              << ", work " << e.work << ", cells " << map.matrix().cells_.size() << "\n";
+    return e.value_bins > 0;
+  }
+  if (op == "plain_table") {
+    PlainMap plain;
+    if (!plainLoad(path, &plain)) return false;
+    const GridMatrix m = plainMatrix(plain);
+    plain = PlainMap();
+    const Timer start;
+    const GridMatrixTable table = testing::plainLookUpTable(m, 4, 0.15f, 1.0f);
+    *seconds = start.stop(cpu);
+    return table.grid_size_ > 0;
+  }
+  if (op == "init") {
+    YAML::Node node;
+    node["type"] = "GridMapServer";
+    node["grid_map"] = path;
+    localization::GridMapServer server;
+    const Timer start;
+    server.init(node);  // throws on failure
+    *seconds = start.stop(cpu);
+    return true;
+  }
+  if (op == "plain_init") {
+    // The same four steps, plain: load, table, the four uploads. The
+    // builder needs a GridMatrix, so the plain loader's vectors are decoded
+    // straight into one (standard allocation for its vectors is what the
+    // plain side stands for; the matrix's own allocator is the library's).
+    const Timer start;
+    PlainMap plain;
+    if (!plainLoad(path, &plain)) return false;
+    const GridMatrixTable table = testing::plainLookUpTable(plainMatrix(plain), 4, 0.15f, 1.0f);
+    localization::cudaSetMatrixConfig(configOf(plain.matrix));
+    localization::cudaSetMatrixCells(plain.cells.data(), static_cast<int>(plain.cells.size()), plain.index.data(),
+                                     static_cast<int>(plain.index.size()));
+    localization::cudaSetMatrixConfigCoarse(configOf(table));
+    localization::cudaSetMatrixCellsCoarse(table.height_table_.data(), static_cast<int>(table.height_table_.size()),
+                                           table.value_table_.data(), static_cast<int>(table.value_table_.size()),
+                                           table.coarse_cells_.data());
+    *seconds = start.stop(cpu);
+    return true;
+  }
+  std::cerr << "unknown operation " << op << "\n";
+  return false;
+}
+
+// --- In the driver. ---
+
+struct Operation {
+  const char* name;    // child operation
+  const char* label;   // table row
+  bool plain_is_slow;  // runs --plain_runs times instead of --runs
+};
+const Operation kOperations[] = {
+    {"load", "ReadFromFile", false},
+    {"plain_load", "ReadFromFile (plain)", false},
+    {"load_no_thp", "ReadFromFile, THP off for the process", false},
+    {"measure", "measureLookUpTable(4, 0.15, 1.0)", false},
+    {"table", "getLookUpTable(4, 0.15, 1.0)", false},
+    {"plain_table", "getLookUpTable (plain)", true},
+    {"init", "init (load, table, 4 uploads)", false},
+    {"plain_init", "init (plain)", true},
+};
+
+struct Sample {
+  double seconds = 0;
+  double peak_bytes = 0;
+  double cpu = 0;  // user + system seconds of all threads
+};
+
+bool runInChild(const std::string& self, const std::string& op, const std::string& path, Sample* out) {
+  const std::string command = "'" + self + "' --child " + op + " --map '" + path + "'";
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return false;
+  char line[512];
+  bool found = false;
+  while (std::fgets(line, sizeof line, pipe) != nullptr) {
+    if (std::sscanf(line, "RESULT %lf %lf %lf", &out->seconds, &out->peak_bytes, &out->cpu) == 3) found = true;
+  }
+  return pclose(pipe) == 0 && found;
+}
+
+double quantile(std::vector<double> v, double q) {
+  std::sort(v.begin(), v.end());
+  // Nearest rank: the smallest value with at least q of the runs at or below.
+  std::size_t rank = static_cast<std::size_t>(q * static_cast<double>(v.size()) + 0.999999);
+  rank = std::max<std::size_t>(1, std::min(rank, v.size()));
+  return v[rank - 1];
+}
+
+bool ensureMap(const std::string& path) {
+  if (std::ifstream(path).good()) return true;
+  std::cerr << "generating " << path << " (" << kSide << " x " << kSide << ", seed " << kSeed << ")\n";
+  testing::SyntheticMap synthetic = testing::makeSyntheticMap(kSide, kSide, kSeed);
+  GridMapLossy map;
+  map.height_base_ = synthetic.height_base;
+  map.aux_value_base_ = synthetic.aux_value_base;
+  map.mutable_matrix() = std::move(synthetic.matrix);
+  const std::string partial = path + ".partial";
+  QuietStdout quiet;
+  return map.saveToFile(partial) && std::rename(partial.c_str(), path.c_str()) == 0;
+}
+
+int driver(const std::string& self, const std::string& path, int runs, int plain_runs, int threads,
+           const std::string& only) {
+  if (!ensureMap(path)) {
+    std::cerr << "cannot write " << path << "\n";
+    return 1;
+  }
+  setenv("OMP_NUM_THREADS", std::to_string(threads).c_str(), 1);
+  std::vector<const Operation*> ops;
+  for (const Operation& op : kOperations) {
+    if (only.empty() || ("," + only + ",").find("," + std::string(op.name) + ",") != std::string::npos) {
+      ops.push_back(&op);
+    }
+  }
+  // Interleaved: run r of every operation before run r + 1 of any, so that
+  // a noisy stretch of the machine hits both sides alike.
+  std::map<std::string, std::vector<Sample>> samples;
+  for (int r = 0; r < runs; ++r) {
+    for (const Operation* op : ops) {
+      if (op->plain_is_slow && r >= plain_runs) continue;
+      Sample s;
+      if (!runInChild(self, op->name, path, &s)) {
+        std::cerr << "run " << r << " of " << op->name << " failed\n";
+        return 1;
+      }
+      samples[op->name].push_back(s);
+      std::cerr << "run " << r << " " << op->name << " " << s.seconds << " s\n";
+    }
+  }
+  std::ifstream file(path, std::ios::binary | std::ios::ate);
+  std::printf("map %s: %lld bytes; %d threads; seconds per fresh process\n", path.c_str(),
+              static_cast<long long>(file.tellg()), threads);
+  std::printf("| %-38s | %4s | %6s | %6s | %6s | %6s | %8s | %10s |\n", "operation", "runs", "min", "median", "p90",
+              "max", "peak MB", "median CPU");
+  std::printf("|%s|------|--------|--------|--------|--------|----------|------------|\n",
+              std::string(40, '-').c_str());
+  for (const Operation* op : ops) {
+    const std::vector<Sample>& v = samples[op->name];
+    std::vector<double> t, cpu;
+    double peak = 0;
+    for (const Sample& s : v) {
+      t.push_back(s.seconds);
+      cpu.push_back(s.cpu);
+      peak = std::max(peak, s.peak_bytes);
+    }
+    std::printf("| %-38s | %4zu | %6.3f | %6.3f | %6.3f | %6.3f | %8.0f | %10.3f |\n", op->label, v.size(),
+                quantile(t, 0.0), quantile(t, 0.5), quantile(t, 0.9), quantile(t, 1.0), peak / 1e6, quantile(cpu, 0.5));
+  }
+  std::printf("raw seconds:\n");
+  for (const Operation* op : ops) {
+    std::printf("  %s:", op->name);
+    for (const Sample& s : samples[op->name]) std::printf(" %.3f", s.seconds);
+    std::printf("\n");
+  }
+  return 0;
+}
+
+}  // namespace
+}  // namespace zorvane
+
+int main(int argc, char** argv) {
+  std::string child, path = "build/startup_map_5000.zvmap", only;
+  int runs = 10, plain_runs = 3, threads = 2;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    const bool has_value = i + 1 < argc;
+    if (arg == "--child" && has_value) {
+      child = argv[++i];
+    } else if (arg == "--map" && has_value) {
+      path = argv[++i];
+    } else if (arg == "--runs" && has_value) {
+      runs = std::atoi(argv[++i]);
+    } else if (arg == "--plain_runs" && has_value) {
+      plain_runs = std::atoi(argv[++i]);
+    } else if (arg == "--threads" && has_value) {
+      threads = std::atoi(argv[++i]);
+    } else if (arg == "--only" && has_value) {
+      only = argv[++i];
+    } else {
+      std::cerr << "usage: startup_bench [--runs N] [--plain_runs M] [--map PATH] [--threads T] [--only OPS]\n";
+      return 2;
+    }
+  }
+  if (!child.empty()) {
+    double seconds = 0, cpu = 0;
+    if (!zorvane::runChild(child, path, &seconds, &cpu)) return 1;
+    std::printf("RESULT %.6f %lld %.6f\n", seconds, static_cast<long long>(zorvane::peakResidentBytes()), cpu);
+    return 0;
+  }
+  char self[4096];
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n <= 0) return 1;
+  self[n] = '\0';
+  return zorvane::driver(self, path, runs, plain_runs, threads, only);
+}

@@ -1,0 +1,127 @@
+// The per-axis histogram kernel of the table builder: one block's Gaussian
+// mass summed into bins, then normalised into log-probabilities.
+//
+// Bins are independent, so instead of walking the block again for every bin,
+// each cell is visited once and its components add one term into every bin
+// they reach. Every bin still receives the same additions in the same order
+// (block order, component 0 then 1) as the bin-by-bin definition, each term
+// weight * exp(-(z - mean)^2 / sigma) formed in single precision with the
+// library's expf, so the bits are the same. Two kinds of work are skipped,
+// both without changing a bit:
+//  - terms that are exactly +-0: below an exponent of -104 expf returns +0,
+//    and adding +-0 to a bin (which starts at +0 and never becomes -0)
+//    changes nothing;
+//  - repeated exponentials: on the value axis with step 1 and a whole-number
+//    mean, z - mean is an exact integer d, so the term depends only on |d|
+//    and the prepared sigma; a per-thread SigmaMemo keeps those tables for
+//    the sigmas it meets repeatedly (a loaded map holds a few thousand).
+// Normalisation calls logf only where the argument differs from the floor
+// itself, whose logarithm is computed once.
+#ifndef ZORVANE_LOCALIZATION_LOOK_UP_TABLE_HISTOGRAM_H_
+#define ZORVANE_LOCALIZATION_LOOK_UP_TABLE_HISTOGRAM_H_
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "localization/look_up_table_block_walk.h"
+
+namespace zorvane {
+namespace localization {
+namespace lut {
+
+// Per-thread cache of exp(-(d*d) / sigma) for |d| <= 255, keyed by the
+// bits of the prepared sigma. A sigma gets a table the second time the
+// thread meets it (a sigma met once is cheaper to evaluate directly); when
+// the cache is full, further sigmas are evaluated directly. A table holds
+// only the span where the exponential is not 0 (|d| <= reach) and kPad
+// zeros on either side, so that the thread's tables stay in its caches: a
+// loaded map holds a few thousand distinct value sigmas.
+class SigmaMemo {
+ public:
+  // Zeros on either side of a table: a run widened to whole groups of
+  // kGroup bins (look_up_table_histogram.cpp) stays inside.
+  static constexpr int kPad = 8;
+  static constexpr int kSlotBits = 13;
+  static constexpr std::uint32_t kSlots = 1u << kSlotBits;
+  static constexpr std::int32_t kTables = kSlots / 2;
+
+  SigmaMemo();
+
+  // The table for prepared sigma s (finite, > 0), or nullptr. The returned
+  // pointer t gives exp(-(d*d)/s) at t[d] for |d| <= *reach, the largest
+  // |d| <= 255 whose exponential is not 0, and 0 at t[d] for reach < |d| <=
+  // reach + kPad.
+  const float* find(float s, int* reach);
+
+ private:
+  struct Slot {
+    std::uint32_t key = 0;    // sigma bits; 0: free (a positive sigma never has bits 0)
+    std::int32_t table = -1;  // table number, or -1 while seen once
+  };
+  struct Table {
+    std::int64_t centre = 0;  // index of d = 0 in arena_
+    int reach = 0;
+  };
+  std::vector<Slot> slots_;
+  std::vector<Table> tables_;
+  std::unique_ptr<float[]> arena_;  // kTables tables of the widest size
+  std::int64_t arena_used_ = 0;
+  std::uint32_t used_slots_ = 0;
+};
+
+// Bins of a run are added in whole aligned groups of this many floats, so
+// that successive components store and reload the same groups.
+constexpr std::int64_t kGroup = 8;
+// Floats a bins buffer needs for an n-bin histogram: n rounded up to whole
+// groups (at least one group).
+inline std::int64_t paddedBins(std::int64_t n) { return ((n > 0 ? n : 1) + kGroup - 1) / kGroup * kGroup; }
+
+// The memo runs use 256-bit AVX2 instructions where the processor has them
+// (chosen at start), 128-bit SSE otherwise; both give the same bits. Tests
+// switch with this (not while a table is built): false selects SSE, true
+// AVX2 where available. Returns false when AVX2 was asked for and is
+// missing.
+bool useWideVectors(bool wide);
+
+// Adds weight * exp(-((float)k * step - mean)^2 / sigma) into bins[k - first]
+// for every bin k of [first, first + n) where the term can differ from +-0.
+// `memo` (may be null) is used for whole-number means in 0..255 with step 1
+// and first >= 0, first + n <= 256. bins must hold paddedBins(n) floats,
+// 32-byte aligned; the padding bins may receive terms.
+void addComponent(float* bins, std::int64_t first, std::int64_t n, float weight, float mean, float sigma, float step,
+                  SigmaMemo* memo);
+
+// Writes ln((v / S) * scale + floor) of each of the n bins to out, S being
+// their sum in ascending order from +0; bins is overwritten. A zero sum
+// stores log_floor (= logf(floor)) everywhere. out needs no alignment.
+void normaliseInto(float* bins, std::int64_t n, float scale, float floor, float log_floor, float* out);
+
+// The working memory of one thread of the fill pass, sized before the
+// parallel region so that nothing is allocated inside it.
+class HistogramKernel {
+ public:
+  // value_width, height_width: the widest histograms the thread builds.
+  // The memo is kept when value_step is 1.
+  HistogramKernel(std::int64_t value_width, std::int64_t height_width, float value_step);
+
+  // Builds, normalises and writes out coarse position (i, j)'s histograms
+  // over the ranges r (from blockRanges): r.value_n values to value_out,
+  // r.height_n values to height_out. Uses streaming stores; the calling
+  // thread must call finish() before its results are read by another.
+  void build(const BlockWalker& walker, std::int64_t i, std::int64_t j, const BlockRanges& r, float value_step,
+             float height_step, float scale, float floor, float log_floor, float* value_out, float* height_out);
+  static void finish();
+
+ private:
+  std::vector<float> storage_;  // both bins buffers, aligned within
+  float* value_bins_ = nullptr;
+  float* height_bins_ = nullptr;
+  std::unique_ptr<SigmaMemo> memo_;
+};
+
+}  // namespace lut
+}  // namespace localization
+}  // namespace zorvane
+
+#endif  // ZORVANE_LOCALIZATION_LOOK_UP_TABLE_HISTOGRAM_H_
