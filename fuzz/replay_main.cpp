@@ -12,9 +12,11 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -53,10 +55,11 @@ int main(int argc, char** argv) {
       return 1;
     }
     const std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    // An exact-size heap copy, as libFuzzer hands its inputs over.
-    std::vector<std::uint8_t> copy(bytes.begin(), bytes.end());
-    copy.shrink_to_fit();
-    LLVMFuzzerTestOneInput(copy.data(), copy.size());
+    // An exact-size heap copy, as libFuzzer hands its inputs over: never a
+    // null pointer, not even for an empty input.
+    const std::unique_ptr<std::uint8_t[]> copy(new std::uint8_t[bytes.size()]);
+    if (!bytes.empty()) std::memcpy(copy.get(), bytes.data(), bytes.size());
+    LLVMFuzzerTestOneInput(copy.get(), bytes.size());
   }
   std::fprintf(stderr, "%zu inputs replayed\n", inputs.size());
   return 0;
