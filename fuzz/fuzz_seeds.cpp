@@ -105,6 +105,7 @@ int main(int argc, char** argv) {
   const fs::path out = argv[1];
   mapFiles(out / "map_file_fuzz");
   mapFiles(out / "codec_fuzz");
+  mapFiles(out / "zvmap_fuzz");
   tableInputs(out / "look_up_table_fuzz");
   yamlTexts(out / "server_init_fuzz");
   return ok ? 0 : 1;

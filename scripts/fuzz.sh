@@ -28,7 +28,7 @@ build=build-fuzz
 mkdir -p "$build"
 if ! { cmake -S . -B "$build" -G Ninja -DZV_BUILD_FUZZ=ON -DCMAKE_CXX_COMPILER=clang++ \
          -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZV_BUILD_TESTS=OFF -DZV_BUILD_BENCH=OFF \
-         -DZV_BUILD_EXAMPLES=OFF -DZV_BUILD_TOOLS=OFF &&
+         -DZV_BUILD_EXAMPLES=OFF -DZV_BUILD_TOOLS=ON -DZV_BUILD_PYTHON=OFF &&
        cmake --build "$build" -j2; } >"$build/fuzz_build.log" 2>&1; then
   tail -n 30 "$build/fuzz_build.log"
   echo "the fuzz build failed; see $build/fuzz_build.log"
