@@ -137,6 +137,7 @@ TEST_F(ServerTest, ConfigurationErrorsPrintTheirLinesAndThrow0x11803) {
       {"type: 42", wrong},
       {"type: GridMapServer", no_path},
       {"type: GridMapServer\ngrid_map: ~", no_path},
+      {"type: GridMapServer\ngrid_map:", no_path},
       {"type: GridMapServer\nGrid_map: /maps/map_lossy.gridmap", no_path},
   };
   for (const auto& [yaml, out] : cases) {
