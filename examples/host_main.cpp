@@ -67,7 +67,7 @@ bool reportUpload() {
     std::cout << "  full matrix    " << c.cols << " x " << c.rows << " positions (" << c.grid_size
               << "), resolution " << c.resolution << " m, offset x " << c.offset_x << " y "
               << c.offset_y << "\n"
-              << "                 " << r.cell_count << " cells, " << r.index_count
+              << "                 " << r.cells.count << " cells, " << r.index.count
               << " index entries\n";
   }
   if (!r.coarse_configs.empty()) {
@@ -75,8 +75,8 @@ bool reportUpload() {
     std::cout << "  level-4 table  " << c.cols << " x " << c.rows << " coarse positions ("
               << c.grid_size << "), resolution " << c.resolution << " m, offset x "
               << c.offset_x << " y " << c.offset_y << "\n"
-              << "                 " << r.coarse_cells.size() << " coarse records, "
-              << r.height_count << " height bins, " << r.value_count << " value bins\n";
+              << "                 " << r.coarse_cells.elements << " coarse records, "
+              << r.height_table.count << " height bins, " << r.value_table.count << " value bins\n";
   }
   const bool consistent = r.verdict.consistent() && names.size() == 4;
   if (consistent) {

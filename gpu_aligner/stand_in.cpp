@@ -28,15 +28,21 @@ void fail(bool& flag, const std::string& problem) {
   mutableRecord().verdict.problems.push_back(problem);
 }
 
-// Copies `count` elements from `from`, or nothing when the count is negative
-// or the pointer is null; false in those two cases when count != 0.
+// Reads `count` elements behind `from` into a digest, or nothing when the
+// count is negative or the pointer is null; false in those two cases when
+// count != 0.
 template <class T>
-bool copyArray(const T* from, std::int64_t count, std::vector<T>& to) {
-  to.clear();
-  if (count <= 0) return count == 0;
-  if (from == nullptr) return false;
-  to.assign(from, from + count);
-  return true;
+bool receive(const T* from, std::int64_t count, ReceivedArray& to) {
+  to = ReceivedArray();
+  to.at = from;
+  to.count = count;
+  const bool usable = count == 0 || (count > 0 && from != nullptr);
+  if (usable && count > 0) {
+    to.elements = count;
+    to.bytes = static_cast<std::size_t>(count) * sizeof(T);
+  }
+  to.digest = digestOf(from, to.bytes);
+  return usable;
 }
 
 // cols * rows == grid_size exactly, neither negative.
@@ -99,9 +105,10 @@ bool valueBinsBounded(const MCellCoarse& c) {
   return c.value_bins <= 256 && c.value_first >= 0 && c.value_first + c.value_bins <= 256;
 }
 
-void warnNonFinite(const char* table, const std::vector<float>& bins) {
-  std::size_t count = 0, first = 0;
-  for (std::size_t k = 0; k < bins.size(); ++k) {
+void warnNonFinite(const char* table, const ReceivedArray& received) {
+  const auto* bins = static_cast<const float*>(received.at);
+  std::int64_t count = 0, first = 0;
+  for (std::int64_t k = 0; k < received.elements; ++k) {
     if (!std::isfinite(bins[k]) && count++ == 0) first = k;
   }
   if (count > 0) {
@@ -155,16 +162,11 @@ void cudaSetMatrixCells(const MCell* cells, int cell_count, const int* index, in
   gpu_stand_in::noteCall("cudaSetMatrixCells");
   gpu_stand_in::Record& r = mutableRecord();
   gpu_stand_in::Verdict& v = r.verdict;
-  r.cells_at = cells;
-  r.cell_count = cell_count;
-  r.index_at = index;
-  r.index_count = index_count;
-
-  if (!gpu_stand_in::copyArray(cells, cell_count, r.cells)) {
+  if (!gpu_stand_in::receive(cells, cell_count, r.cells)) {
     fail(v.index_count_matches, "cudaSetMatrixCells: unusable cell array (count " +
                                     std::to_string(cell_count) + ")");
   }
-  if (!gpu_stand_in::copyArray(index, index_count, r.index)) {
+  if (!gpu_stand_in::receive(index, index_count, r.index)) {
     fail(v.index_count_matches, "cudaSetMatrixCells: unusable index array (count " +
                                     std::to_string(index_count) + ")");
   }
@@ -177,8 +179,8 @@ void cudaSetMatrixCells(const MCell* cells, int cell_count, const int* index, in
   }
 
   const std::int64_t cells_available = std::max(cell_count, 0);
-  for (std::size_t i = 0; i < r.index.size(); ++i) {
-    const std::int32_t entry = r.index[i];
+  for (std::int64_t i = 0; i < r.index.elements; ++i) {
+    const std::int32_t entry = index[i];
     if (entry != -1 && (entry < 0 || entry >= cells_available)) {
       fail(v.index_entries_valid, "cudaSetMatrixCells: index entry " + std::to_string(i) +
                                       " is " + std::to_string(entry) + " with " +
@@ -201,29 +203,24 @@ void cudaSetMatrixCellsCoarse(const float* height_table, int height_count,
   gpu_stand_in::noteCall("cudaSetMatrixCellsCoarse");
   gpu_stand_in::Record& r = mutableRecord();
   gpu_stand_in::Verdict& v = r.verdict;
-  r.height_table_at = height_table;
-  r.height_count = height_count;
-  r.value_table_at = value_table;
-  r.value_count = value_count;
-  r.coarse_cells_at = coarse_cells;
-
-  if (!gpu_stand_in::copyArray(height_table, height_count, r.height_table)) {
+  if (!gpu_stand_in::receive(height_table, height_count, r.height_table)) {
     fail(v.coarse_bins_inside, "cudaSetMatrixCellsCoarse: unusable height table (count " +
                                    std::to_string(height_count) + ")");
   }
-  if (!gpu_stand_in::copyArray(value_table, value_count, r.value_table)) {
+  if (!gpu_stand_in::receive(value_table, value_count, r.value_table)) {
     fail(v.coarse_bins_inside, "cudaSetMatrixCellsCoarse: unusable value table (count " +
                                    std::to_string(value_count) + ")");
   }
   gpu_stand_in::warnNonFinite("height", r.height_table);
   gpu_stand_in::warnNonFinite("value", r.value_table);
   if (r.coarse_configs.empty()) {
-    r.coarse_cells.clear();
+    r.coarse_cells = gpu_stand_in::ReceivedArray();
+    r.coarse_cells.at = coarse_cells;
     fail(v.coarse_bins_inside, "cudaSetMatrixCellsCoarse: no coarse configuration received before");
     return;
   }
   const std::int64_t records = r.coarse_configs.back().grid_size;
-  if (!gpu_stand_in::copyArray(coarse_cells, records, r.coarse_cells)) {
+  if (!gpu_stand_in::receive(coarse_cells, records, r.coarse_cells)) {
     fail(v.coarse_bins_inside, "cudaSetMatrixCellsCoarse: no coarse records for grid_size " +
                                    std::to_string(records));
   }
@@ -232,8 +229,8 @@ void cudaSetMatrixCellsCoarse(const float* height_table, int height_count,
   // an absent table (negative count) holds nothing.
   const std::uint64_t values = static_cast<std::uint64_t>(std::max(value_count, 0));
   const std::uint64_t heights = static_cast<std::uint64_t>(std::max(height_count, 0));
-  for (std::size_t i = 0; i < r.coarse_cells.size(); ++i) {
-    const MCellCoarse& c = r.coarse_cells[i];
+  for (std::int64_t i = 0; i < r.coarse_cells.elements; ++i) {
+    const MCellCoarse& c = coarse_cells[i];
     const bool value_inside =
         c.value_bins == 0 || std::uint64_t{c.value_offset} + c.value_bins <= values;
     const bool height_inside =
@@ -245,8 +242,8 @@ void cudaSetMatrixCellsCoarse(const float* height_table, int height_count,
       break;
     }
   }
-  for (std::size_t i = 0; i < r.coarse_cells.size(); ++i) {
-    const MCellCoarse& c = r.coarse_cells[i];
+  for (std::int64_t i = 0; i < r.coarse_cells.elements; ++i) {
+    const MCellCoarse& c = coarse_cells[i];
     if (!gpu_stand_in::valueBinsBounded(c)) {
       fail(v.value_bins_bounded, "cudaSetMatrixCellsCoarse: coarse record " + std::to_string(i) +
                                      " stores value bins " + std::to_string(c.value_first) + " + " +

@@ -11,6 +11,15 @@
 // one process-wide object, written only by the four operations and by
 // resetRecord(), and must not be read while an upload runs.
 //
+// What is kept of an array: a real matcher copies what it receives to the
+// device once. The stand-in reads every byte once too, during the call, and
+// keeps the pointer, the counts and a digest of those bytes rather than a
+// copy: a copy would make the stand-in, not the map library, the largest
+// cost of a start-up (fresh memory as large as the map and its table). A
+// test that wants to know what arrived compares the digest with the array
+// it expected (ReceivedArray::holds), and whether the caller kept its
+// arrays unchanged since (ReceivedArray::unchanged).
+//
 // Bounds: a bare pointer does not say how long its array is, so the stand-in
 // trusts the caller exactly as the real matcher does. It reads `count`
 // elements behind each table and index pointer and, for the coarse records,
@@ -18,12 +27,13 @@
 // than its array holds makes the stand-in read past the array's end; that is
 // the caller's fault, and the sanitizer build reports it at the caller's
 // upload. What the stand-in can see without reading is handled without
-// reading: a negative count or a null pointer with a positive count copies
+// reading: a negative count or a null pointer with a positive count reads
 // nothing and is noted in the verdict.
 #ifndef ZORVANE_GPU_ALIGNER_STAND_IN_RECORD_H_
 #define ZORVANE_GPU_ALIGNER_STAND_IN_RECORD_H_
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -89,32 +99,50 @@ struct Verdict {
   }
 };
 
+// A 64-bit digest of `size` bytes: equal bytes give equal digests, and a
+// change of any single byte always changes it. Not a cryptographic hash.
+std::uint64_t digestOf(const void* bytes, std::size_t size);
+
+// One array as it arrived.
+struct ReceivedArray {
+  const void* at = nullptr;   // the pointer as passed
+  std::int64_t count = 0;     // the element count as passed (coarse records:
+                              // the last coarse configuration's grid_size)
+  std::int64_t elements = 0;  // elements read: count, or 0 when unusable
+  std::size_t bytes = 0;      // bytes read
+  std::uint64_t digest = 0;   // digestOf the bytes read, taken during the call
+
+  // True when exactly `n` elements arrived and their bytes were those of
+  // `values` (element types without == included).
+  template <class T>
+  bool holds(const T* values, std::size_t n) const {
+    return elements == static_cast<std::int64_t>(n) && bytes == n * sizeof(T) &&
+           digestOf(values, bytes) == digest;
+  }
+  template <class Vector>
+  bool holds(const Vector& values) const {
+    return holds(values.data(), values.size());
+  }
+  // True when the bytes behind `at` are still those received.
+  bool unchanged() const { return digestOf(at, bytes) == digest; }
+};
+
 struct Record {
   std::vector<CallEntry> calls;  // every call, in order
 
   std::vector<MatrixConfig> configs;         // each cudaSetMatrixConfig argument
   std::vector<MatrixConfig> coarse_configs;  // each cudaSetMatrixConfigCoarse argument
 
-  // The last cudaSetMatrixCells: the pointers and counts as passed, and
-  // copies of the arrays taken during the call.
-  const MCell* cells_at = nullptr;
-  int cell_count = 0;
-  const std::int32_t* index_at = nullptr;
-  int index_count = 0;
-  std::vector<MCell> cells;
-  std::vector<std::int32_t> index;
+  // The arrays of the last cudaSetMatrixCells.
+  ReceivedArray cells;  // MCell
+  ReceivedArray index;  // int32
 
-  // The last cudaSetMatrixCellsCoarse, likewise. coarse_cells holds
-  // grid_size records of the last coarse configuration (none when no coarse
-  // configuration had been received).
-  const float* height_table_at = nullptr;
-  int height_count = 0;
-  const float* value_table_at = nullptr;
-  int value_count = 0;
-  const MCellCoarse* coarse_cells_at = nullptr;
-  std::vector<float> height_table;
-  std::vector<float> value_table;
-  std::vector<MCellCoarse> coarse_cells;
+  // The arrays of the last cudaSetMatrixCellsCoarse. coarse_cells are the
+  // grid_size records of the last coarse configuration (none read when no
+  // coarse configuration had been received).
+  ReceivedArray height_table;  // float
+  ReceivedArray value_table;   // float
+  ReceivedArray coarse_cells;  // MCellCoarse
 
   Verdict verdict;
 

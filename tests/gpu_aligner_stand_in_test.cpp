@@ -40,7 +40,7 @@ class StandIn : public testing::Test {
   const stand_in::Record& rec() { return stand_in::record(); }
 };
 
-TEST_F(StandIn, RecordsCopiesOfACorrectUploadAndJudgesItConsistent) {
+TEST_F(StandIn, RecordsWhatACorrectUploadSentAndJudgesItConsistent) {
   std::vector<MCell> cells(2);
   cells[0].value_mean[0] = 11.f;
   cells[1].height_mean[1] = -4.5f;
@@ -60,34 +60,62 @@ TEST_F(StandIn, RecordsCopiesOfACorrectUploadAndJudgesItConsistent) {
                                       "cudaSetMatrixConfigCoarse", "cudaSetMatrixCellsCoarse"}));
   EXPECT_TRUE(sameBytes(rec().configs, {config(3, 2)}));
   EXPECT_TRUE(sameBytes(rec().coarse_configs, {level2}));
-  EXPECT_EQ(std::make_tuple(rec().cells_at, rec().index_at, rec().cell_count, rec().index_count),
-            std::make_tuple(cells.data(), index.data(), 2, 6));
-  EXPECT_EQ(std::make_tuple(rec().height_table_at, rec().value_table_at, rec().coarse_cells_at),
-            std::make_tuple(heights.data(), values.data(), records.data()));
-  EXPECT_EQ(rec().height_table, heights);
-  EXPECT_EQ(rec().value_table, values);
-  EXPECT_TRUE(sameBytes(rec().coarse_cells, records));
+  const std::vector<const void*> pointers = {cells.data(), index.data(), heights.data(), values.data(),
+                                             records.data()};
+  EXPECT_EQ((std::vector<const void*>{rec().cells.at, rec().index.at, rec().height_table.at, rec().value_table.at,
+                                      rec().coarse_cells.at}),
+            pointers);
+  EXPECT_EQ(std::make_pair(rec().cells.count, rec().index.count), std::make_pair(std::int64_t{2}, std::int64_t{6}));
+  EXPECT_TRUE(rec().cells.holds(cells) && rec().index.holds(index));
+  EXPECT_TRUE(rec().height_table.holds(heights) && rec().value_table.holds(values));
+  EXPECT_TRUE(rec().coarse_cells.holds(records));
+  EXPECT_FALSE(rec().height_table.holds(values));
   EXPECT_TRUE(rec().verdict.consistent() && rec().verdict.problems.empty());
   EXPECT_TRUE(rec().verdict.warnings.empty());
 
-  // Copies, not the caller's arrays.
+  // What arrived is kept as it was during the call: a later change of the
+  // caller's arrays shows, and the first element alone is not enough.
   const std::vector<MCell> sent_cells = cells;
-  const std::vector<int> sent_index = index;
-  cells[0].aux_value = 9.f;
-  index[1] = -1;
-  EXPECT_TRUE(sameBytes(rec().cells, sent_cells));
-  EXPECT_EQ(rec().index, sent_index);
+  EXPECT_TRUE(rec().cells.unchanged() && rec().index.unchanged());
+  cells[1].aux_value = 9.f;
+  index.back() = 0;
+  EXPECT_FALSE(rec().cells.unchanged() || rec().index.unchanged());
+  EXPECT_FALSE(rec().cells.holds(cells) || rec().index.holds(index));
+  EXPECT_TRUE(rec().cells.holds(sent_cells));
+  EXPECT_FALSE(rec().cells.holds(sent_cells.data(), 1));
 
   stand_in::resetRecord();
-  EXPECT_TRUE(rec().calls.empty() && rec().configs.empty() && rec().index.empty());
-  EXPECT_EQ(rec().index_at, nullptr);
+  EXPECT_TRUE(rec().calls.empty() && rec().configs.empty() && rec().index.elements == 0);
+  EXPECT_EQ(rec().index.at, nullptr);
+}
+
+TEST(StandInDigest, EveryByteAndTheLengthCount) {
+  // Lengths around the 8- and 32-byte steps; a change of any single byte,
+  // or one byte more or less, gives another digest.
+  for (const std::size_t size : {0u, 1u, 7u, 8u, 9u, 31u, 32u, 33u, 64u, 71u}) {
+    std::vector<unsigned char> bytes(size + 1);
+    for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(i * 37 + 11);
+    const std::uint64_t digest = stand_in::digestOf(bytes.data(), size);
+    EXPECT_EQ(stand_in::digestOf(std::vector<unsigned char>(bytes).data(), size), digest);
+    EXPECT_NE(stand_in::digestOf(bytes.data(), size + 1), digest) << size;
+    if (size > 0) {
+      EXPECT_NE(stand_in::digestOf(bytes.data(), size - 1), digest) << size;
+    }
+    for (std::size_t i = 0; i < size; ++i) {
+      for (const unsigned char flip : {0x01, 0x80}) {
+        bytes[i] ^= flip;
+        EXPECT_NE(stand_in::digestOf(bytes.data(), size), digest) << size << " byte " << i;
+        bytes[i] ^= flip;
+      }
+    }
+  }
 }
 
 TEST_F(StandIn, IndexMustMatchTheLastConfigurationAndNameCells) {
   const std::vector<int> six(6, -1);
   loc::cudaSetMatrixCells(nullptr, 0, six.data(), 6);  // no configuration yet
   EXPECT_FALSE(rec().verdict.index_count_matches);
-  EXPECT_EQ(rec().index.size(), 6u);
+  EXPECT_TRUE(rec().index.holds(six));
 
   stand_in::resetRecord();
   loc::cudaSetMatrixConfig(config(3, 2));
@@ -142,8 +170,8 @@ TEST_F(StandIn, CoarseBinsMustLieInsideTheirTablesOfTheLastConfiguration) {
   stand_in::resetRecord();
   const std::vector<MCellCoarse> records(3, coarse(0, 0, 0, 0));
   loc::cudaSetMatrixCellsCoarse(nullptr, 0, values.data(), 2, records.data());
-  EXPECT_TRUE(rec().coarse_cells.empty());
-  EXPECT_EQ(rec().value_table, std::vector<float>(2, -2.f));
+  EXPECT_EQ(rec().coarse_cells.elements, 0);
+  EXPECT_TRUE(rec().value_table.holds(std::vector<float>(2, -2.f)));
   EXPECT_FALSE(rec().verdict.coarse_bins_inside);
   stand_in::resetRecord();
   loc::cudaSetMatrixConfig(config(5, 5));
@@ -151,7 +179,7 @@ TEST_F(StandIn, CoarseBinsMustLieInsideTheirTablesOfTheLastConfiguration) {
   loc::cudaSetMatrixConfig(config(3, 1));
   loc::cudaSetMatrixConfigCoarse(config(3, 1));
   loc::cudaSetMatrixCellsCoarse(nullptr, 0, nullptr, 0, records.data());
-  EXPECT_EQ(rec().coarse_cells.size(), 3u);
+  EXPECT_TRUE(rec().coarse_cells.holds(records));
   EXPECT_TRUE(rec().verdict.consistent());
 }
 
@@ -265,15 +293,15 @@ TEST_F(StandIn, ValueBinsMustLieOnTheValueScaleAndNonFiniteBinsAreOnlyWarnings) 
 TEST_F(StandIn, UnusableArraysAreNotedNotRead) {
   loc::cudaSetMatrixConfig(config(0, 0));
   loc::cudaSetMatrixCells(nullptr, 3, nullptr, -1);
-  EXPECT_TRUE(rec().cells.empty() && rec().index.empty());
-  EXPECT_EQ(rec().cell_count, 3);
-  EXPECT_EQ(rec().index_count, -1);
+  EXPECT_TRUE(rec().cells.elements == 0 && rec().index.elements == 0);
+  EXPECT_EQ(rec().cells.count, 3);
+  EXPECT_EQ(rec().index.count, -1);
   EXPECT_FALSE(rec().verdict.index_count_matches);
   EXPECT_EQ(rec().verdict.problems.size(), 3u);  // cells, index, count mismatch
 
   loc::cudaSetMatrixConfigCoarse(config(2, 2));
   loc::cudaSetMatrixCellsCoarse(nullptr, 7, nullptr, -4, nullptr);
-  EXPECT_TRUE(rec().height_table.empty() && rec().value_table.empty() && rec().coarse_cells.empty());
+  EXPECT_TRUE(rec().height_table.bytes == 0 && rec().value_table.bytes == 0 && rec().coarse_cells.bytes == 0);
   EXPECT_FALSE(rec().verdict.coarse_bins_inside);
 }
 

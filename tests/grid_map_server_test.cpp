@@ -208,23 +208,19 @@ TEST_F(ServerTest, StartUpUploadsTheLoadedMatrixAndItsLevelFourTableWhichASecond
   EXPECT_TRUE(sameConfig(rec().coarse_configs[0], t));
   // Prepared cells and the index as loaded; then the height pair, the value
   // pair and grid_size records of the table.
-  EXPECT_TRUE(sameBytes(rec().cells, m.cells_));
-  EXPECT_TRUE(sameBytes(rec().index, m.index_));
-  EXPECT_TRUE(sameBytes(rec().height_table, t.height_table_));
-  EXPECT_TRUE(sameBytes(rec().value_table, t.value_table_));
-  EXPECT_TRUE(sameBytes(rec().coarse_cells, t.coarse_cells_));
+  EXPECT_TRUE(rec().cells.holds(m.cells_));
+  EXPECT_TRUE(rec().index.holds(m.index_));
+  EXPECT_TRUE(rec().height_table.holds(t.height_table_));
+  EXPECT_TRUE(rec().value_table.holds(t.value_table_));
+  EXPECT_TRUE(rec().coarse_cells.holds(t.coarse_cells_));
   EXPECT_TRUE(rec().verdict.consistent()) << testing::PrintToString(rec().verdict.problems);
 
   // The pointers lead into storage that the server keeps alive and unchanged
   // (the sanitizer build catches reading a temporary copy).
-  const auto stillThere = [](const void* at, const auto& copy) {
-    return copy.empty() || std::memcmp(at, copy.data(), copy.size() * sizeof(copy[0])) == 0;
-  };
-  EXPECT_TRUE(stillThere(rec().cells_at, rec().cells));
-  EXPECT_TRUE(stillThere(rec().index_at, rec().index));
-  EXPECT_TRUE(stillThere(rec().height_table_at, rec().height_table));
-  EXPECT_TRUE(stillThere(rec().value_table_at, rec().value_table));
-  EXPECT_TRUE(stillThere(rec().coarse_cells_at, rec().coarse_cells));
+  for (const auto* received : {&rec().cells, &rec().index, &rec().height_table, &rec().value_table,
+                               &rec().coarse_cells}) {
+    EXPECT_TRUE(received->unchanged());
+  }
 
   // A second start-up reloads the matrix, but the cache keeps level 4 as
   // built from the first map.
@@ -233,11 +229,11 @@ TEST_F(ServerTest, StartUpUploadsTheLoadedMatrixAndItsLevelFourTableWhichASecond
   ASSERT_EQ(rec().calls.size(), 8u);
   ASSERT_TRUE(rec().configs.size() == 2 && rec().coarse_configs.size() == 2);
   EXPECT_TRUE(sameConfig(rec().configs[1], ref_second.matrix()));
-  EXPECT_TRUE(sameBytes(rec().index, ref_second.matrix().index_));
-  EXPECT_TRUE(sameBytes(rec().cells, ref_second.matrix().cells_));
+  EXPECT_TRUE(rec().index.holds(ref_second.matrix().index_));
+  EXPECT_TRUE(rec().cells.holds(ref_second.matrix().cells_));
   EXPECT_TRUE(sameConfig(rec().coarse_configs[1], t));
-  EXPECT_TRUE(sameBytes(rec().coarse_cells, t.coarse_cells_));
-  EXPECT_TRUE(sameBytes(rec().height_table, t.height_table_));
+  EXPECT_TRUE(rec().coarse_cells.holds(t.coarse_cells_));
+  EXPECT_TRUE(rec().height_table.holds(t.height_table_));
 }
 
 TEST_F(ServerTest, ConfiguredPathIsUsedVerbatim) {
@@ -272,7 +268,7 @@ TEST_F(ServerTest, UnloadedServerPrintsNothingAndUploadsDefaultsAndEmptyArrays) 
   const MatrixConfig& c = rec().configs.at(0);
   EXPECT_EQ(std::make_tuple(c.resolution, c.grid_size, c.cols, c.rows, c.offset_x, c.offset_y),
             std::make_tuple(0.15f, 0u, 0, 0, 0, 0));
-  EXPECT_EQ(rec().cell_count + rec().index_count + rec().height_count + rec().value_count, 0);
+  EXPECT_EQ(rec().cells.count + rec().index.count + rec().height_table.count + rec().value_table.count, 0);
   EXPECT_EQ(rec().coarse_configs.at(0).grid_size, 0u);
   EXPECT_TRUE(rec().verdict.consistent());
 }
@@ -392,7 +388,7 @@ TEST_F(ServerTest, ATinyFileWithALargeGridAndClippedCellsStarts) {
   EXPECT_EQ(start(server, section(path)), green(path));
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
   EXPECT_EQ(rec().callNames(), kFourCalls);
-  EXPECT_EQ(rec().height_count, 2 * 65535);
+  EXPECT_EQ(rec().height_table.count, 2 * 65535);
   EXPECT_TRUE(rec().verdict.consistent());
   RecordProperty("seconds", std::to_string(seconds));
 }
