@@ -9,6 +9,7 @@
 #endif
 
 #include "localization/look_up_table_exact.h"
+#include "localization/look_up_table_exp_log.h"
 #include "localization/streaming_store.h"
 
 namespace zorvane {
@@ -16,9 +17,6 @@ namespace localization {
 namespace lut {
 namespace {
 
-// Below this exponent expf returns exactly +0 (its result would be under
-// half the smallest subnormal from -103.972 on).
-constexpr float kZeroExponent = -104.0f;
 // Runs of at most this many bins are evaluated bin by bin without first
 // bounding the bins that can hold mass.
 constexpr std::int64_t kShortRun = 32;
@@ -145,7 +143,8 @@ const float* SigmaMemo::find(float s, int* reach) {
 
 bool useWideVectors(bool wide) {
   addScaledGroups = pickAddScaledGroups(wide);
-  return !wide || cpuHasAvx2();
+  const bool exact_math = useExactVectorMath(wide);
+  return !wide || (cpuHasAvx2() && exact_math);
 }
 
 void addComponent(float* bins, std::int64_t first, std::int64_t n, float w, float mean, float sigma, float step,
@@ -169,19 +168,12 @@ void addComponent(float* bins, std::int64_t first, std::int64_t n, float w, floa
     }
   }
   // Long runs are first cut down to the bins that can hold mass; every
-  // remaining bin forms its exponent exactly as defined and skips the call
+  // remaining bin forms its exponent exactly as defined and is skipped
   // when the exponent is below -104, where expf is exactly +0 and a finite
   // weight makes the term +-0.
   std::int64_t lo = first, hi = last;
   if (n > kShortRun) termRange(w, mean, sigma, step, first, last, &lo, &hi);
-  const bool weight_finite = std::isfinite(w);
-  for (std::int64_t k = lo; k <= hi; ++k) {
-    const float z = static_cast<float>(k) * step;
-    const float d = z - mean;
-    const float exponent = -(d * d) / sigma;
-    if (exponent < kZeroExponent && weight_finite) continue;
-    bins[k - first] += w * std::exp(exponent);
-  }
+  addGaussianTerms(bins, first, lo, hi, w, mean, sigma, step);
 }
 
 void normaliseInto(float* bins, std::int64_t n, float scale, float floor, float log_floor, float* out) {
@@ -191,15 +183,7 @@ void normaliseInto(float* bins, std::int64_t n, float scale, float floor, float 
     std::fill(out, out + n, log_floor);
     return;
   }
-  // The arguments are formed in place first (a loop the compiler can
-  // vectorise; each element is still (v / S) * scale + floor in single
-  // precision), then the logarithms are taken one by one.
-  for (std::int64_t k = 0; k < n; ++k) bins[k] = (bins[k] / sum) * scale + floor;
-  const std::uint32_t floor_bits = bitsOf(floor);
-  for (std::int64_t k = 0; k < n; ++k) {
-    const float arg = bins[k];
-    bins[k] = bitsOf(arg) == floor_bits ? log_floor : std::log(arg);
-  }
+  logShares(bins, n, sum, scale, floor, log_floor);
   internal::streamFloats(out, bins, n);
 }
 

@@ -78,9 +78,11 @@ constexpr std::int64_t kGroup = 8;
 inline std::int64_t paddedBins(std::int64_t n) { return ((n > 0 ? n : 1) + kGroup - 1) / kGroup * kGroup; }
 
 // The memo runs use 256-bit AVX2 instructions where the processor has them
-// (chosen at start), 128-bit SSE otherwise; both give the same bits. Tests
-// switch with this (not while a table is built): false selects SSE, true
-// AVX2 where available. Returns false when AVX2 was asked for and is
+// (chosen at start), 128-bit SSE otherwise, and the exponentials and
+// logarithms run eight at a time where look_up_table_exp_log.h allows it;
+// every choice gives the same bits. Tests switch with this (not while a
+// table is built): false selects SSE and the plain loops, true the wide
+// forms where available. Returns false when they were asked for and are
 // missing.
 bool useWideVectors(bool wide);
 
@@ -93,8 +95,9 @@ void addComponent(float* bins, std::int64_t first, std::int64_t n, float weight,
                   SigmaMemo* memo);
 
 // Writes ln((v / S) * scale + floor) of each of the n bins to out, S being
-// their sum in ascending order from +0; bins is overwritten. A zero sum
-// stores log_floor (= logf(floor)) everywhere. out needs no alignment.
+// their sum in ascending order from +0; bins (paddedBins(n) floats) is
+// overwritten, padding included. A zero sum stores log_floor (=
+// logf(floor)) everywhere. out needs no alignment.
 void normaliseInto(float* bins, std::int64_t n, float scale, float floor, float log_floor, float* out);
 
 // The working memory of one thread of the fill pass, sized before the

@@ -1,0 +1,168 @@
+// The eight-lane expf and logf against the C library's, bit for bit, over
+// the arguments a table can meet and the special values around them.
+#include "localization/look_up_table_exp_log.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+namespace {
+
+using namespace zorvane::localization::lut;
+
+std::uint32_t bits(float v) {
+  std::uint32_t b = 0;
+  std::memcpy(&b, &v, sizeof b);
+  return b;
+}
+float fromBits(std::uint32_t b) {
+  float v = 0;
+  std::memcpy(&v, &b, sizeof v);
+  return v;
+}
+
+// The eight-lane functions can run here (they are tested even where the
+// self-check turned them down, so that a fault in them shows as one).
+bool vectorMathHere() {
+#if defined(__x86_64__)
+  return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+#else
+  return false;
+#endif
+}
+
+// Applies the eight-lane function to the special values and to every
+// stride-th float from `from_bits` to `to_bits` (bit patterns, inclusive),
+// and returns up to five arguments whose result differs from the scalar
+// one; `*count` gets the number of arguments tried.
+template <class Eight, class Scalar>
+std::vector<float> mismatches(std::vector<float> specials, std::uint32_t from_bits, std::uint32_t to_bits,
+                              std::uint32_t stride, Eight eight, Scalar scalar, std::uint64_t* count) {
+  std::vector<float> wrong;
+  float args[8], got[8];
+  int filled = 0;
+  *count = 0;
+  const auto flush = [&] {
+    eight(args, got);
+    for (int q = 0; q < filled; ++q) {
+      if (bits(got[q]) != bits(scalar(args[q])) && wrong.size() < 5) wrong.push_back(args[q]);
+    }
+    *count += static_cast<std::uint64_t>(filled);
+    filled = 0;
+  };
+  const auto add = [&](float x) {
+    args[filled++] = x;
+    if (filled == 8) flush();
+  };
+  for (const float x : specials) add(x);
+  for (std::uint64_t b = from_bits; b <= to_bits; b += stride) add(fromBits(static_cast<std::uint32_t>(b)));
+  if (filled > 0) {
+    for (int q = filled; q < 8; ++q) args[q] = 0.5f;
+    flush();
+  }
+  return wrong;
+}
+
+// Every float instead of a sample with ZV_EXHAUSTIVE_MATH=1 in the
+// environment (about a minute): sampling cannot see a fault that changes
+// one result in a billion, such as a multiply-add fused where the C library
+// does not fuse it.
+std::uint32_t strideOr(std::uint32_t stride) { return std::getenv("ZV_EXHAUSTIVE_MATH") != nullptr ? 1u : stride; }
+
+const float kInf = std::numeric_limits<float>::infinity();
+const float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+TEST(LookUpTableExpLog, GlibcOnAnAvx2FmaProcessorGetsTheEightLaneForms) {
+#if defined(__GLIBC__)
+  if (!vectorMathHere()) GTEST_SKIP() << "no AVX2 and FMA";
+  EXPECT_TRUE(useExactVectorMath(true)) << "the self-check against this C library failed";
+#else
+  GTEST_SKIP() << "the eight-lane forms follow glibc";
+#endif
+}
+
+TEST(LookUpTableExpLog, EightLaneExpIsTheLibrarysOnEveryExponentATableMeets) {
+  if (!vectorMathHere()) GTEST_SKIP() << "no AVX2 and FMA";
+  // Exponents are -(d*d)/sigma: 0 down to -104 (below, the term is skipped);
+  // the neighbourhood of the formula's limits and the special values too.
+  const std::vector<float> specials = {0.f,  -0.f, 88.72283f, 88.72284f, -103.27893f, -103.27894f, -103.972f,
+                                       -104.f, -1e-45f, 1e-45f, kInf, -kInf, kNaN, 1.f, -1.f, -87.33655f};
+  const auto exp = [](float x) { return std::exp(x); };
+  std::uint64_t count = 0;
+  // Negative floats ascend in bits towards -inf.
+  EXPECT_EQ(mismatches(specials, bits(-0.0f), bits(-104.0f), strideOr(23), expEightForTesting, exp, &count),
+            std::vector<float>());
+  EXPECT_GT(count, 45'000'000u);
+  // Positive arguments up to overflow, coarser.
+  EXPECT_EQ(mismatches({}, 0u, bits(89.f), strideOr(211), expEightForTesting, exp, &count), std::vector<float>());
+}
+
+TEST(LookUpTableExpLog, EightLaneLogIsTheLibrarysOnEveryPositiveFloat) {
+  if (!vectorMathHere()) GTEST_SKIP() << "no AVX2 and FMA";
+  const std::vector<float> specials = {0.f,  -0.f, 1.f,  kInf, -kInf, kNaN, -1.f, 1e-45f, 1.1754942e-38f,
+                                       1.1754944e-38f, std::nextafter(1.f, 2.f), std::nextafter(1.f, 0.f),
+                                       0.15f, 3.4028235e38f, 0.5f, 2.f};
+  std::uint64_t count = 0;
+  EXPECT_EQ(mismatches(specials, 0u, bits(kInf), strideOr(41), logEightForTesting, [](float x) { return std::log(x); }, &count),
+            std::vector<float>());
+  EXPECT_GT(count, 50'000'000u);
+}
+
+// The two loops in both forms, against their definition, on runs that start
+// and end anywhere within a group of eight.
+TEST(LookUpTableExpLog, BothFormsOfTheLoopsGiveTheDefinedBins) {
+  struct Term {
+    float w, mean, sigma, step;
+  };
+  const Term terms[] = {{0.7f, 3.3f, 8.f, 0.15f},    {2.f, -40.f, 0.02f, 0.37f}, {kInf, 1.f, 0.f, 0.15f},
+                        {1e-30f, 0.f, 1e9f, 1.f},    {-0.5f, 7.9f, 3.f, 0.15f},  {0.3f, kNaN, 2.f, 0.15f},
+                        {1.f, 2.f, -4.f, 1.f},       {0.f, 2.f, 1e-3f, 1.f},     {kInf, 0.f, 1e-3f, 1.f}};
+  for (const bool wide : {false, true}) {
+    if (!useExactVectorMath(wide)) continue;
+    for (std::int64_t lo = -9; lo <= 2; ++lo) {
+      for (std::int64_t hi = lo - 1; hi <= lo + 19; ++hi) {
+        const std::int64_t first = -12;
+        std::vector<float> bins(40, 0.25f), want(40, 0.25f);
+        for (const Term& t : terms) {
+          addGaussianTerms(bins.data(), first, lo, hi, t.w, t.mean, t.sigma, t.step);
+          for (std::int64_t k = lo; k <= hi; ++k) {
+            const float d = static_cast<float>(k) * t.step - t.mean;
+            const float e = -(d * d) / t.sigma;
+            if (!(e < -104.f && std::isfinite(t.w))) want[static_cast<std::size_t>(k - first)] += t.w * std::exp(e);
+          }
+        }
+        for (std::size_t k = 0; k < bins.size(); ++k) {
+          ASSERT_TRUE(bits(bins[k]) == bits(want[k]) || (std::isnan(bins[k]) && std::isnan(want[k])))
+              << (wide ? "wide" : "plain") << " lo " << lo << " hi " << hi << " bin " << k;
+        }
+
+        // Shares: zero bins give exactly the floor, the last one exactly 1
+        // (a special case of logf), one bin a NaN.
+        const std::int64_t n = hi - lo + 1 > 0 ? hi - lo + 1 : 0;
+        std::vector<float> values(static_cast<std::size_t>((n + 7) / 8 * 8 + 8), 0.f);
+        for (std::int64_t k = 0; k < n; ++k) values[static_cast<std::size_t>(k)] = k % 3 == 0 ? 0.f : 0.01f * k;
+        if (n > 4) values[4] = kNaN;
+        if (n > 1) values[static_cast<std::size_t>(n - 1)] = 0.85f;
+        const float sum = 1.f, scale = 1.f, floor = 0.15f;
+        ASSERT_EQ(0.85f + floor, 1.f);
+        std::vector<float> logs = values;
+        logShares(logs.data(), n, sum, scale, floor, -7.f);
+        for (std::int64_t k = 0; k < n; ++k) {
+          const float a = (values[static_cast<std::size_t>(k)] / sum) * scale + floor;
+          const float want = bits(a) == bits(floor) ? -7.f : std::log(a);
+          const float got = logs[static_cast<std::size_t>(k)];
+          ASSERT_TRUE(bits(got) == bits(want) || (std::isnan(got) && std::isnan(want)))
+              << (wide ? "wide" : "plain") << " n " << n << " value " << k;
+        }
+      }
+    }
+  }
+  useExactVectorMath(true);
+}
+
+}  // namespace
