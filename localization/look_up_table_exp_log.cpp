@@ -1,5 +1,6 @@
 #include "localization/look_up_table_exp_log.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -27,6 +28,12 @@ void addGaussianTermsPlain(float* bins, std::int64_t first, std::int64_t lo, std
     const float exponent = -(d * d) / sigma;
     if (exponent < kZeroExponent && weight_finite) continue;
     bins[k - first] += w * std::exp(exponent);
+  }
+}
+
+void addGaussianRunsPlain(float* bins, std::int64_t first, const GaussianRun* runs, int count, float step) {
+  for (int c = 0; c < count; ++c) {
+    addGaussianTermsPlain(bins, first, runs[c].lo, runs[c].hi, runs[c].w, runs[c].mean, runs[c].sigma, step);
   }
 }
 
@@ -169,50 +176,74 @@ ZV_AVX2_FMA inline __m256i firstLanes(std::int64_t count) {
   return _mm256_cmpgt_epi32(_mm256_set1_epi32(n), lane);
 }
 
-ZV_AVX2_FMA void addGaussianTermsAvx2(float* bins, std::int64_t first, std::int64_t lo, std::int64_t hi, float w,
-                                      float mean, float sigma, float step) {
+// The terms of one run for the group of eight bins k (as floats: kf) to
+// add to it: w * expf(e) where the run adds, -0 elsewhere, which leaves
+// every value as it is when added (x + -0 == x, zeros and NaN included).
+ZV_AVX2_FMA inline __m256 groupTerms(__m256i k, __m256 kf, const GaussianRun& run, float step) {
+  const __m256 minus_zero = _mm256_set1_ps(-0.0f);
+  const __m256 d = _mm256_sub_ps(_mm256_mul_ps(kf, _mm256_set1_ps(step)), _mm256_set1_ps(run.mean));
+  const __m256 exponent = _mm256_div_ps(_mm256_xor_ps(_mm256_mul_ps(d, d), minus_zero), _mm256_set1_ps(run.sigma));
+  // With a finite weight, exponents below -104 add nothing; otherwise
+  // (w * 0 is NaN) every term is added.
+  const __m256 zero_below = _mm256_set1_ps(std::isfinite(run.w) ? kZeroExponent : -INFINITY);
+  const __m256i outside = _mm256_or_si256(_mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(run.lo)), k),
+                                          _mm256_cmpgt_epi32(k, _mm256_set1_epi32(static_cast<int>(run.hi))));
+  const __m256 adds = _mm256_andnot_ps(_mm256_castsi256_ps(outside), _mm256_cmp_ps(exponent, zero_below, _CMP_NLT_UQ));
+  const int add_bits = _mm256_movemask_ps(adds);
+  if (add_bits == 0) return minus_zero;
+  __m256 term = _mm256_blendv_ps(minus_zero, _mm256_mul_ps(_mm256_set1_ps(run.w), expEight(exponent)), adds);
+  const int odd_bits = add_bits & ~_mm256_movemask_ps(expMainLanes(exponent));
+  if (odd_bits != 0) {
+    alignas(32) float e[8], t[8];
+    _mm256_store_ps(e, exponent);
+    _mm256_store_ps(t, term);
+    for (int q = 0; q < 8; ++q) {
+      if ((odd_bits >> q) & 1) t[q] = run.w * std::exp(e[q]);
+    }
+    term = _mm256_load_ps(t);
+  }
+  return term;
+}
+
+ZV_AVX2_FMA void addGaussianRunsAvx2(float* bins, std::int64_t first, const GaussianRun* runs, int count, float step) {
   // Bin numbers go through 32-bit lanes; (float)k is the same from 32 and
   // 64 bits for these.
   constexpr std::int64_t kLaneLimit = std::int64_t{1} << 30;
-  if (lo > hi) return;
-  if (first < -kLaneLimit || hi > kLaneLimit) {
-    addGaussianTermsPlain(bins, first, lo, hi, w, mean, sigma, step);
+  std::int64_t g_begin = 0, g_end = 0;  // groups [g_begin, g_end) hold every run
+  bool any = false;
+  for (int c = 0; c < count; ++c) {
+    if (runs[c].lo > runs[c].hi) continue;
+    const std::int64_t from = (runs[c].lo - first) / 8, to = (runs[c].hi - first) / 8 + 1;
+    g_begin = any ? std::min(g_begin, from) : from;
+    g_end = any ? std::max(g_end, to) : to;
+    any = true;
+  }
+  if (!any) return;
+  if (first < -kLaneLimit || first + 8 * g_end > kLaneLimit) {
+    addGaussianRunsPlain(bins, first, runs, count, step);
     return;
   }
-  const __m256 step8 = _mm256_set1_ps(step), mean8 = _mm256_set1_ps(mean), sigma8 = _mm256_set1_ps(sigma);
-  const __m256 w8 = _mm256_set1_ps(w), minus_zero = _mm256_set1_ps(-0.0f);
-  // With a finite weight, exponents below -104 add nothing; otherwise
-  // (w * 0 is NaN) every term is added.
-  const __m256 zero_below = _mm256_set1_ps(std::isfinite(w) ? kZeroExponent : -INFINITY);
+  // Whole groups of eight from bins[0], so that successive calls load and
+  // store the same groups.
   const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
-  const __m256i lo8 = _mm256_set1_epi32(static_cast<int>(lo)), hi8 = _mm256_set1_epi32(static_cast<int>(hi));
-  // Whole groups of eight from bins[0], so that successive components load
-  // and store the same groups. A lane that adds nothing adds -0, which
-  // leaves every value as it is (x + -0 == x, zeros and NaN included).
-  for (std::int64_t g = (lo - first) / 8; g <= (hi - first) / 8; ++g) {
-    const std::int64_t k0 = first + 8 * g;
-    const __m256i k = _mm256_add_epi32(_mm256_set1_epi32(static_cast<int>(k0)), lane);
-    const __m256 d = _mm256_sub_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(k), step8), mean8);
-    const __m256 exponent = _mm256_div_ps(_mm256_xor_ps(_mm256_mul_ps(d, d), minus_zero), sigma8);
-    const __m256i in_run = _mm256_andnot_si256(_mm256_or_si256(_mm256_cmpgt_epi32(lo8, k), _mm256_cmpgt_epi32(k, hi8)),
-                                               _mm256_set1_epi32(-1));
-    const __m256 adds = _mm256_and_ps(_mm256_castsi256_ps(in_run), _mm256_cmp_ps(exponent, zero_below, _CMP_NLT_UQ));
-    const int add_bits = _mm256_movemask_ps(adds);
-    if (add_bits == 0) continue;
-    __m256 term = _mm256_blendv_ps(minus_zero, _mm256_mul_ps(w8, expEight(exponent)), adds);
-    const int odd_bits = add_bits & ~_mm256_movemask_ps(expMainLanes(exponent));
-    if (odd_bits != 0) {
-      alignas(32) float e[8], t[8];
-      _mm256_store_ps(e, exponent);
-      _mm256_store_ps(t, term);
-      for (int q = 0; q < 8; ++q) {
-        if ((odd_bits >> q) & 1) t[q] = w * std::exp(e[q]);
-      }
-      term = _mm256_load_ps(t);
-    }
+  for (std::int64_t g = g_begin; g < g_end; ++g) {
+    const __m256i k = _mm256_add_epi32(_mm256_set1_epi32(static_cast<int>(first + 8 * g)), lane);
+    const __m256 kf = _mm256_cvtepi32_ps(k);
     float* const at = bins + 8 * g;
-    _mm256_storeu_ps(at, _mm256_add_ps(_mm256_loadu_ps(at), term));
+    __m256 sum = _mm256_loadu_ps(at);
+    for (int c = 0; c < count; ++c) {
+      const GaussianRun& run = runs[c];
+      if (run.lo > run.hi || g < (run.lo - first) / 8 || g > (run.hi - first) / 8) continue;
+      sum = _mm256_add_ps(sum, groupTerms(k, kf, run, step));
+    }
+    _mm256_storeu_ps(at, sum);
   }
+}
+
+ZV_AVX2_FMA void addGaussianTermsAvx2(float* bins, std::int64_t first, std::int64_t lo, std::int64_t hi, float w,
+                                      float mean, float sigma, float step) {
+  const GaussianRun run = {w, mean, sigma, lo, hi};
+  addGaussianRunsAvx2(bins, first, &run, 1, step);
 }
 
 ZV_AVX2_FMA inline __m256 logOrFloor(__m256i ix, __m256i floor8, __m256 log_floor8, __m256i lanes) {
@@ -324,6 +355,16 @@ void addGaussianTerms(float* bins, std::int64_t first, std::int64_t lo, std::int
   }
 #endif
   addGaussianTermsPlain(bins, first, lo, hi, w, mean, sigma, step);
+}
+
+void addGaussianRuns(float* bins, std::int64_t first, const GaussianRun* runs, int count, float step) {
+#if defined(__x86_64__)
+  if (use_vector_math) {
+    addGaussianRunsAvx2(bins, first, runs, count, step);
+    return;
+  }
+#endif
+  addGaussianRunsPlain(bins, first, runs, count, step);
 }
 
 void logShares(float* bins, std::int64_t n, float sum, float scale, float floor, float log_floor) {

@@ -32,6 +32,21 @@ namespace lut {
 void addGaussianTerms(float* bins, std::int64_t first, std::int64_t lo, std::int64_t hi, float w, float mean,
                       float sigma, float step);
 
+// One component's part of addGaussianComponents: its weight, mean and
+// prepared sigma, and the bins [lo, hi] it adds into.
+struct GaussianRun {
+  float w, mean, sigma;
+  std::int64_t lo, hi;
+};
+
+// addGaussianTerms for each of the `count` runs in turn, with the same
+// `bins`, `first` and `step`: every bin receives the terms in run order.
+// first <= lo of every run that is not empty; `bins` holds
+// paddedBins(h - first + 1) floats, h the largest hi. The eight-lane form
+// takes a group of eight bins through all runs before the next group, so
+// that the runs' exponentials, independent of each other, overlap.
+void addGaussianRuns(float* bins, std::int64_t first, const GaussianRun* runs, int count, float step);
+
 // Replaces each of the n bins v by the logarithm of its scaled share:
 // with a = (v / sum) * scale + floor in single precision, logf(a), or
 // log_floor where a has the bits of floor. `bins` holds paddedBins(n)

@@ -204,18 +204,30 @@ void HistogramKernel::build(const BlockWalker& walker, std::int64_t i, std::int6
   SigmaMemo* const memo = memo_.get();
   std::fill(vbins, vbins + paddedBins(r.value_n), 0.f);
   std::fill(hbins, hbins + r.height_n, 0.f);
+  const std::int64_t height_last = r.height_first + r.height_n - 1;
+  pending_count_ = 0;
   walker.forEachCell(i, j, [&](const MCell& cell) {
     for (int c = 0; c < 2; ++c) {
       if (r.value_n > 0)
         addComponent(vbins, r.value_first, r.value_n, cell.value_weight[c], cell.value_mean[c], cell.value_sigma[c],
                      value_step, memo);
-      if (r.height_n > 0)
-        addComponent(hbins, r.height_first, r.height_n, cell.height_weight[c], cell.height_mean[c],
-                     cell.height_sigma[c], height_step, nullptr);
+      if (r.height_n > 0) {
+        GaussianRun& run = pending_[pending_count_];
+        run = {cell.height_weight[c], cell.height_mean[c], cell.height_sigma[c], r.height_first, height_last};
+        if (r.height_n > kShortRun)
+          termRange(run.w, run.mean, run.sigma, height_step, r.height_first, height_last, &run.lo, &run.hi);
+        if (++pending_count_ == kPendingRuns) flushHeightRuns(r.height_first, height_step);
+      }
     }
   });
+  flushHeightRuns(r.height_first, height_step);
   normaliseInto(vbins, r.value_n, scale, floor, log_floor, value_out);
   normaliseInto(hbins, r.height_n, scale, floor, log_floor, height_out);
+}
+
+void HistogramKernel::flushHeightRuns(std::int64_t first, float height_step) {
+  addGaussianRuns(height_bins_, first, pending_, pending_count_, height_step);
+  pending_count_ = 0;
 }
 
 void HistogramKernel::finish() {

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "localization/look_up_table_block_walk.h"
+#include "localization/look_up_table_exp_log.h"
 
 namespace zorvane {
 namespace localization {
@@ -117,6 +118,13 @@ class HistogramKernel {
   static void finish();
 
  private:
+  // Height components of the block, gathered so that their exponentials
+  // are evaluated together (addGaussianRuns); passed on when full.
+  static constexpr int kPendingRuns = 64;
+  GaussianRun pending_[kPendingRuns];
+  int pending_count_ = 0;
+  void flushHeightRuns(std::int64_t first, float height_step);
+
   std::vector<float> storage_;  // both bins buffers, aligned within
   float* value_bins_ = nullptr;
   float* height_bins_ = nullptr;

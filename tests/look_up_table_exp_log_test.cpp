@@ -127,18 +127,31 @@ TEST(LookUpTableExpLog, BothFormsOfTheLoopsGiveTheDefinedBins) {
     for (std::int64_t lo = -9; lo <= 2; ++lo) {
       for (std::int64_t hi = lo - 1; hi <= lo + 19; ++hi) {
         const std::int64_t first = -12;
-        std::vector<float> bins(40, 0.25f), want(40, 0.25f);
+        // Term by term over [lo, hi]; and all terms in one call, each
+        // over its own run inside [lo, hi] (step 0.15 for all).
+        std::vector<float> bins(40, 0.25f), want(40, 0.25f), run_bins(40, 0.25f), run_want(40, 0.25f);
+        std::vector<GaussianRun> runs;
+        const auto add = [&](std::vector<float>& to, const Term& t, float step, std::int64_t from, std::int64_t to_k) {
+          for (std::int64_t k = from; k <= to_k; ++k) {
+            const float d = static_cast<float>(k) * step - t.mean;
+            const float e = -(d * d) / t.sigma;
+            if (!(e < -104.f && std::isfinite(t.w))) to[static_cast<std::size_t>(k - first)] += t.w * std::exp(e);
+          }
+        };
         for (const Term& t : terms) {
           addGaussianTerms(bins.data(), first, lo, hi, t.w, t.mean, t.sigma, t.step);
-          for (std::int64_t k = lo; k <= hi; ++k) {
-            const float d = static_cast<float>(k) * t.step - t.mean;
-            const float e = -(d * d) / t.sigma;
-            if (!(e < -104.f && std::isfinite(t.w))) want[static_cast<std::size_t>(k - first)] += t.w * std::exp(e);
-          }
+          add(want, t, t.step, lo, hi);
+          const std::int64_t run_lo = lo + static_cast<std::int64_t>(runs.size() % 3);
+          const std::int64_t run_hi = hi - static_cast<std::int64_t>(runs.size() % 4);
+          runs.push_back({t.w, t.mean, t.sigma, run_lo, run_hi});
+          add(run_want, t, 0.15f, run_lo, run_hi);
         }
+        addGaussianRuns(run_bins.data(), first, runs.data(), static_cast<int>(runs.size()), 0.15f);
         for (std::size_t k = 0; k < bins.size(); ++k) {
           ASSERT_TRUE(bits(bins[k]) == bits(want[k]) || (std::isnan(bins[k]) && std::isnan(want[k])))
               << (wide ? "wide" : "plain") << " lo " << lo << " hi " << hi << " bin " << k;
+          ASSERT_TRUE(bits(run_bins[k]) == bits(run_want[k]) || (std::isnan(run_bins[k]) && std::isnan(run_want[k])))
+              << (wide ? "wide" : "plain") << " runs, lo " << lo << " hi " << hi << " bin " << k;
         }
 
         // Shares: zero bins give exactly the floor, the last one exactly 1
