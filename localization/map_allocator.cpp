@@ -47,10 +47,24 @@ std::mutex spare_mutex;
 void* spare = nullptr;
 std::size_t spare_bytes = 0;
 
+// Keeps [p, p + padded) as the spare if it is larger than the spare now
+// kept and not over the limit; gives back whichever block is not kept.
+void keepOrRelease(void* p, std::size_t padded) noexcept {
+  if (padded <= kSpareLimitBytes) {
+    const std::lock_guard<std::mutex> lock(spare_mutex);
+    if (padded > spare_bytes) {
+      std::swap(p, spare);
+      std::swap(padded, spare_bytes);
+    }
+  }
+  if (p != nullptr) munmap(p, padded);
+}
+
 // The spare block made into `padded` bytes, or nullptr when there is none
 // or it cannot be resized. A smaller spare is grown in place or moved by
-// the kernel (its pages move with it, the new ones are fresh); a larger one
-// gives back its tail.
+// the kernel (its pages move with it, the new ones are fresh); of a larger
+// one the head is taken and the tail stays the spare (a table takes its
+// small record array just before its large bins array).
 void* takeSpare(std::size_t padded) {
   void* p = nullptr;
   std::size_t have = 0;
@@ -61,7 +75,7 @@ void* takeSpare(std::size_t padded) {
   }
   if (p == nullptr) return nullptr;
   if (have > padded) {
-    munmap(static_cast<char*>(p) + padded, have - padded);
+    keepOrRelease(static_cast<char*>(p) + padded, have - padded);
     have = padded;
   } else if (have < padded) {
     void* grown = mremap(p, have, padded, MREMAP_MAYMOVE);
@@ -105,16 +119,7 @@ void releaseMapBytes(void* p, std::size_t bytes) noexcept {
     std::free(p);
     return;
   }
-  std::size_t padded = paddedToPages(bytes);
-  if (padded <= kSpareLimitBytes) {
-    // Keep the larger of this block and the spare; give back the other.
-    const std::lock_guard<std::mutex> lock(spare_mutex);
-    if (padded > spare_bytes) {
-      std::swap(p, spare);
-      std::swap(padded, spare_bytes);
-    }
-  }
-  if (p != nullptr) munmap(p, padded);
+  keepOrRelease(p, paddedToPages(bytes));
 }
 
 std::size_t spareMapBytes() {

@@ -40,7 +40,8 @@ bool allZero(const void* p, std::size_t bytes) {
 
 TEST(MapAllocator, TheLargerReleasedBlockIsReusedZeroFilledWhateverSizeComesNext) {
   const std::size_t block = kLargeBlockBytes;
-  void* held = allocateMapBytes(block);  // takes any spare an earlier test left
+  const std::size_t held_bytes = std::max(block, spareMapBytes());
+  void* held = allocateMapBytes(held_bytes);  // takes all of any spare an earlier test left
   ASSERT_EQ(spareMapBytes(), 0u);
 
   void* a = allocateMapBytes(2 * block);
@@ -56,23 +57,29 @@ TEST(MapAllocator, TheLargerReleasedBlockIsReusedZeroFilledWhateverSizeComesNext
   std::memset(same, 0x5A, 2 * block);
   releaseMapBytes(same, 2 * block);
   const std::size_t larger = 3 * block + 12345;
-  auto* grown = static_cast<unsigned char*>(allocateMapBytes(larger));
+  auto* const grown = static_cast<unsigned char*>(allocateMapBytes(larger));
   EXPECT_TRUE(allZero(grown, larger));
   std::memset(grown, 0x11, larger);
   EXPECT_EQ(spareMapBytes(), 0u);
 
-  // Shrunk: the head reused and zeroed.
+  // Shrunk: the head reused and zeroed, the tail kept as the spare.
   releaseMapBytes(grown, larger);
   EXPECT_EQ(spareMapBytes(), 3 * block + 16384);
   void* smaller = allocateMapBytes(block + 1);
+  EXPECT_EQ(smaller, grown);
   EXPECT_TRUE(allZero(smaller, block + 1));
+  EXPECT_EQ(spareMapBytes(), 2 * block + 12288);
+  void* tail = allocateMapBytes(2 * block);
+  EXPECT_EQ(tail, grown + block + 4096);
+  EXPECT_TRUE(allZero(tail, 2 * block));
+  releaseMapBytes(tail, 2 * block);
 
   // Of two released blocks the larger is kept.
   void* big = allocateMapBytes(2 * block);
   releaseMapBytes(big, 2 * block);
   releaseMapBytes(smaller, block + 1);
   EXPECT_EQ(spareMapBytes(), 2 * block);
-  releaseMapBytes(held, block);
+  releaseMapBytes(held, held_bytes);
 }
 
 TEST(MapAllocator, VectorsAndFileBuffersUseIt) {
