@@ -11,15 +11,13 @@
 #include <limits>
 #include <vector>
 
+#include "localization/look_up_table_exact.h"
+
 namespace {
 
 using namespace zorvane::localization::lut;
 
-std::uint32_t bits(float v) {
-  std::uint32_t b = 0;
-  std::memcpy(&b, &v, sizeof b);
-  return b;
-}
+bool same(float a, float b) { return bitsOf(a) == bitsOf(b) || (std::isnan(a) && std::isnan(b)); }
 float fromBits(std::uint32_t b) {
   float v = 0;
   std::memcpy(&v, &b, sizeof v);
@@ -50,7 +48,7 @@ std::vector<float> mismatches(std::vector<float> specials, std::uint32_t from_bi
   const auto flush = [&] {
     eight(args, got);
     for (int q = 0; q < filled; ++q) {
-      if (bits(got[q]) != bits(scalar(args[q])) && wrong.size() < 5) wrong.push_back(args[q]);
+      if (bitsOf(got[q]) != bitsOf(scalar(args[q])) && wrong.size() < 5) wrong.push_back(args[q]);
     }
     *count += static_cast<std::uint64_t>(filled);
     filled = 0;
@@ -92,14 +90,14 @@ TEST(LookUpTableExpLog, EightLaneExpIsTheLibrarysOnEveryExponentATableMeets) {
   // the neighbourhood of the formula's limits and the special values too.
   const std::vector<float> specials = {0.f,  -0.f, 88.72283f, 88.72284f, -103.27893f, -103.27894f, -103.972f,
                                        -104.f, -1e-45f, 1e-45f, kInf, -kInf, kNaN, 1.f, -1.f, -87.33655f};
-  const auto exp = [](float x) { return std::exp(x); };
+  const auto c_exp = [](float x) { return std::exp(x); };
   std::uint64_t count = 0;
   // Negative floats ascend in bits towards -inf.
-  EXPECT_EQ(mismatches(specials, bits(-0.0f), bits(-104.0f), strideOr(23), expEightForTesting, exp, &count),
+  EXPECT_EQ(mismatches(specials, bitsOf(-0.0f), bitsOf(-104.0f), strideOr(23), expEightForTesting, c_exp, &count),
             std::vector<float>());
   EXPECT_GT(count, 45'000'000u);
   // Positive arguments up to overflow, coarser.
-  EXPECT_EQ(mismatches({}, 0u, bits(89.f), strideOr(211), expEightForTesting, exp, &count), std::vector<float>());
+  EXPECT_EQ(mismatches({}, 0u, bitsOf(89.f), strideOr(211), expEightForTesting, c_exp, &count), std::vector<float>());
 }
 
 TEST(LookUpTableExpLog, EightLaneLogIsTheLibrarysOnEveryPositiveFloat) {
@@ -108,7 +106,8 @@ TEST(LookUpTableExpLog, EightLaneLogIsTheLibrarysOnEveryPositiveFloat) {
                                        1.1754944e-38f, std::nextafter(1.f, 2.f), std::nextafter(1.f, 0.f),
                                        0.15f, 3.4028235e38f, 0.5f, 2.f};
   std::uint64_t count = 0;
-  EXPECT_EQ(mismatches(specials, 0u, bits(kInf), strideOr(41), logEightForTesting, [](float x) { return std::log(x); }, &count),
+  const auto c_log = [](float x) { return std::log(x); };
+  EXPECT_EQ(mismatches(specials, 0u, bitsOf(kInf), strideOr(41), logEightForTesting, c_log, &count),
             std::vector<float>());
   EXPECT_GT(count, 50'000'000u);
 }
@@ -148,9 +147,9 @@ TEST(LookUpTableExpLog, BothFormsOfTheLoopsGiveTheDefinedBins) {
         }
         addGaussianRuns(run_bins.data(), first, runs.data(), static_cast<int>(runs.size()), 0.15f);
         for (std::size_t k = 0; k < bins.size(); ++k) {
-          ASSERT_TRUE(bits(bins[k]) == bits(want[k]) || (std::isnan(bins[k]) && std::isnan(want[k])))
+          ASSERT_TRUE(same(bins[k], want[k]))
               << (wide ? "wide" : "plain") << " lo " << lo << " hi " << hi << " bin " << k;
-          ASSERT_TRUE(bits(run_bins[k]) == bits(run_want[k]) || (std::isnan(run_bins[k]) && std::isnan(run_want[k])))
+          ASSERT_TRUE(same(run_bins[k], run_want[k]))
               << (wide ? "wide" : "plain") << " runs, lo " << lo << " hi " << hi << " bin " << k;
         }
 
@@ -167,9 +166,9 @@ TEST(LookUpTableExpLog, BothFormsOfTheLoopsGiveTheDefinedBins) {
         logShares(logs.data(), n, sum, scale, floor, -7.f);
         for (std::int64_t k = 0; k < n; ++k) {
           const float a = (values[static_cast<std::size_t>(k)] / sum) * scale + floor;
-          const float want = bits(a) == bits(floor) ? -7.f : std::log(a);
+          const float want = bitsOf(a) == bitsOf(floor) ? -7.f : std::log(a);
           const float got = logs[static_cast<std::size_t>(k)];
-          ASSERT_TRUE(bits(got) == bits(want) || (std::isnan(got) && std::isnan(want)))
+          ASSERT_TRUE(same(got, want))
               << (wide ? "wide" : "plain") << " n " << n << " value " << k;
         }
       }
