@@ -118,13 +118,8 @@ ZV_AVX2_FMA inline __m128 expFour(__m128 x) {
 
 // Mask of the lanes of x that the main expf formula covers (not NaN).
 ZV_AVX2_FMA inline __m256 expMainLanes(__m256 x) {
-  __m256 lowest, highest;
-  const std::uint32_t lo = kExpLowest, hi = kExpHighest;
-  float lo_f, hi_f;
-  std::memcpy(&lo_f, &lo, sizeof lo_f);
-  std::memcpy(&hi_f, &hi, sizeof hi_f);
-  lowest = _mm256_set1_ps(lo_f);
-  highest = _mm256_set1_ps(hi_f);
+  const __m256 lowest = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(kExpLowest)));
+  const __m256 highest = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(kExpHighest)));
   return _mm256_and_ps(_mm256_cmp_ps(x, lowest, _CMP_GE_OQ), _mm256_cmp_ps(x, highest, _CMP_LE_OQ));
 }
 
