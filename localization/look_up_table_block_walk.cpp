@@ -54,7 +54,13 @@ BlockWalker::BlockWalker(const GridMatrix& m, const GridMatrixTable& t, int fact
       matrix_offset_x_(m.offset_x_),
       matrix_offset_y_(m.offset_y_),
       table_offset_x_(t.offset_x_),
-      table_offset_y_(t.offset_y_) {}
+      table_offset_y_(t.offset_y_) {
+  // A matrix without columns has no window (window() returns false).
+  if (cols_ > 0) {
+    full_rows_ = index_size_ / cols_;
+    partial_columns_ = index_size_ % cols_;
+  }
+}
 
 bool BlockWalker::window(std::int64_t i, std::int64_t j, BlockWindow* w) const {
   if (factor_ < 1) return false;

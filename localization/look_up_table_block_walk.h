@@ -66,7 +66,7 @@ class BlockWalker {
     for (std::int64_t a = w.a_begin; a < w.a_end; ++a) {
       const std::int64_t x = w.x0 + a;
       // Rows whose flat position lies inside index_: y * cols_ + x < size.
-      const std::int64_t indexed_rows = x < index_size_ ? (index_size_ - x + cols_ - 1) / cols_ : 0;
+      const std::int64_t indexed_rows = full_rows_ + (x < partial_columns_ ? 1 : 0);
       const std::int64_t b_end = std::min(w.b_end, indexed_rows - w.y0);
       for (std::int64_t b = w.b_begin; b < b_end; b += kStretch) {
         const std::int64_t stretch_end = std::min(b_end, b + kStretch);
@@ -94,6 +94,10 @@ class BlockWalker {
   const std::int32_t* index_;
   std::int64_t cell_count_, index_size_;
   std::int64_t cols_, rows_;
+  // index_ holds full_rows_ whole rows of cols_ entries and the first
+  // partial_columns_ entries of one more row (0 <= partial_columns_ <
+  // cols_), so that the walk finds a column's indexed rows without dividing.
+  std::int64_t full_rows_ = 0, partial_columns_ = 0;
   int factor_;
   std::int64_t matrix_offset_x_, matrix_offset_y_;
   std::int64_t table_offset_x_, table_offset_y_;
