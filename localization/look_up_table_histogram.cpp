@@ -45,33 +45,58 @@ void termRange(float w, float mean, float sigma, float step, std::int64_t first,
   if (to < static_cast<double>(*hi)) *hi = to < static_cast<double>(first) ? first - 1 : static_cast<std::int64_t>(to);
 }
 
-// out[q] += w * src[q] for q < kGroup * groups; out is 32-byte aligned.
-// Each lane is one single-precision multiply and one add, as in scalar code
-// (no fused multiply-add), whatever the vector width. Written with
-// intrinsics so that the stores and the next component's loads of `out`
-// always fall on the same aligned groups (a compiler-vectorised loop may
-// align on `src` instead, and reloading a group that straddles two recent
-// stores stalls).
+// addTermRows in each instruction set. Every lane is one single-precision
+// multiply and one add, as in scalar code (no fused multiply-add), whatever
+// the vector width. A chunk's bins stay in registers while the rows go by;
+// a row that does not reach the chunk is passed over.
 #if defined(__x86_64__) || defined(__i386__)
-__attribute__((target("avx2"))) void addScaledGroupsAvx2(float* out, const float* src, float w, std::int64_t groups) {
-  const __m256 weight = _mm256_set1_ps(w);
-  for (std::int64_t g = 0; g < groups; ++g) {
-    const __m256 term = _mm256_mul_ps(weight, _mm256_loadu_ps(src + kGroup * g));
-    _mm256_store_ps(out + kGroup * g, _mm256_add_ps(_mm256_load_ps(out + kGroup * g), term));
+__attribute__((target("avx2"))) void addTermRowsAvx2(float* bins, const TermRow* rows, int count,
+                                                     std::int32_t from, std::int32_t to) {
+  for (std::int32_t c = from; c < to; ++c) {
+    float* const b = bins + kChunk * c;
+    __m256 a0 = _mm256_load_ps(b), a1 = _mm256_load_ps(b + 8);
+    __m256 a2 = _mm256_load_ps(b + 16), a3 = _mm256_load_ps(b + 24);
+    for (int r = 0; r < count; ++r) {
+      const TermRow& row = rows[r];
+      if (c < row.chunk_from || c >= row.chunk_to) continue;
+      const float* const t = row.terms + kChunk * (c - row.chunk_from);
+      const __m256 w = _mm256_set1_ps(row.w);
+      a0 = _mm256_add_ps(a0, _mm256_mul_ps(w, _mm256_loadu_ps(t)));
+      a1 = _mm256_add_ps(a1, _mm256_mul_ps(w, _mm256_loadu_ps(t + 8)));
+      a2 = _mm256_add_ps(a2, _mm256_mul_ps(w, _mm256_loadu_ps(t + 16)));
+      a3 = _mm256_add_ps(a3, _mm256_mul_ps(w, _mm256_loadu_ps(t + 24)));
+    }
+    _mm256_store_ps(b, a0);
+    _mm256_store_ps(b + 8, a1);
+    _mm256_store_ps(b + 16, a2);
+    _mm256_store_ps(b + 24, a3);
   }
 }
 #endif
 
-void addScaledGroupsSse(float* out, const float* src, float w, std::int64_t groups) {
+void addTermRowsPlain(float* bins, const TermRow* rows, int count, std::int32_t from, std::int32_t to) {
+  for (std::int32_t c = from; c < to; ++c) {
+    float* const b = bins + kChunk * c;
 #if defined(__SSE2__)
-  const __m128 weight = _mm_set1_ps(w);
-  for (std::int64_t q = 0; q < kGroup * groups; q += 4) {
-    const __m128 term = _mm_mul_ps(weight, _mm_loadu_ps(src + q));
-    _mm_store_ps(out + q, _mm_add_ps(_mm_load_ps(out + q), term));
-  }
+    __m128 a[kChunk / 4];
+    for (int q = 0; q < kChunk / 4; ++q) a[q] = _mm_load_ps(b + 4 * q);
+    for (int r = 0; r < count; ++r) {
+      const TermRow& row = rows[r];
+      if (c < row.chunk_from || c >= row.chunk_to) continue;
+      const float* const t = row.terms + kChunk * (c - row.chunk_from);
+      const __m128 w = _mm_set1_ps(row.w);
+      for (int q = 0; q < kChunk / 4; ++q) a[q] = _mm_add_ps(a[q], _mm_mul_ps(w, _mm_loadu_ps(t + 4 * q)));
+    }
+    for (int q = 0; q < kChunk / 4; ++q) _mm_store_ps(b + 4 * q, a[q]);
 #else
-  for (std::int64_t q = 0; q < kGroup * groups; ++q) out[q] += w * src[q];
+    for (int r = 0; r < count; ++r) {
+      const TermRow& row = rows[r];
+      if (c < row.chunk_from || c >= row.chunk_to) continue;
+      const float* const t = row.terms + kChunk * (c - row.chunk_from);
+      for (int q = 0; q < kChunk; ++q) b[q] += row.w * t[q];
+    }
 #endif
+  }
 }
 
 bool cpuHasAvx2() {
@@ -82,15 +107,18 @@ bool cpuHasAvx2() {
 #endif
 }
 
-using AddScaledGroups = void (*)(float*, const float*, float, std::int64_t);
-AddScaledGroups pickAddScaledGroups(bool wide) {
+using AddTermRows = void (*)(float*, const TermRow*, int, std::int32_t, std::int32_t);
+AddTermRows pickAddTermRows(bool wide) {
 #if defined(__x86_64__) || defined(__i386__)
-  if (wide && cpuHasAvx2()) return addScaledGroupsAvx2;
+  if (wide && cpuHasAvx2()) return addTermRowsAvx2;
 #endif
-  return addScaledGroupsSse;
+  return addTermRowsPlain;
 }
 // Chosen once by the processor's features.
-AddScaledGroups addScaledGroups = pickAddScaledGroups(true);
+AddTermRows addTermRowsIn = pickAddTermRows(true);
+
+// Floats of slack that let a buffer start on a 32-byte boundary.
+constexpr std::int64_t kAlignSlack = 8;
 
 }  // namespace
 
@@ -142,31 +170,60 @@ const float* SigmaMemo::find(float s, int* reach) {
 }
 
 bool useWideVectors(bool wide) {
-  addScaledGroups = pickAddScaledGroups(wide);
+  addTermRowsIn = pickAddTermRows(wide);
   const bool exact_math = useExactVectorMath(wide);
   return !wide || (cpuHasAvx2() && exact_math);
 }
 
+void addTermRows(float* bins, const TermRow* rows, int count) {
+  std::int32_t from = 0, to = 0;
+  for (int r = 0; r < count; ++r) {
+    if (rows[r].chunk_from >= rows[r].chunk_to) continue;
+    if (from == to) {
+      from = rows[r].chunk_from;
+      to = rows[r].chunk_to;
+    }
+    from = std::min(from, rows[r].chunk_from);
+    to = std::max(to, rows[r].chunk_to);
+  }
+  addTermRowsIn(bins, rows, count, from, to);
+}
+
+bool memoRow(SigmaMemo* memo, std::int64_t first, std::int64_t n, float w, float mean, float sigma, float step,
+             TermRow* row) {
+  const std::int64_t last = first + n - 1;
+  if (memo == nullptr || !(step == 1.0f && mean >= 0.f && mean <= 255.f && mean == std::floor(mean) &&
+                           std::isfinite(w) && std::isfinite(sigma) && sigma > 0.f && first >= 0 && last <= 255))
+    return false;
+  // Value axis, step 1, whole-number mean: z - mean = k - m exactly, and
+  // the term of bin k is w * T[k - m].
+  int reach = 0;
+  const float* const table = memo->find(sigma, &reach);
+  if (table == nullptr) return false;
+  const auto m = static_cast<std::int64_t>(mean);
+  const std::int64_t lo = std::max(first, m - reach), hi = std::min(last, m + reach);
+  row->w = w;
+  row->terms = table;
+  row->chunk_from = row->chunk_to = 0;
+  if (lo > hi) return true;
+  // Widened to whole chunks: the extra bins below lo and above hi read the
+  // table's zeros (|k - m| <= reach + kPad) or lie in the padding behind
+  // the histogram; w is finite, so their terms are +-0 and leave them as
+  // they are.
+  row->chunk_from = static_cast<std::int32_t>((lo - first) / kChunk);
+  row->chunk_to = static_cast<std::int32_t>((hi - first) / kChunk + 1);
+  row->terms = table + (first + kChunk * row->chunk_from - m);
+  return true;
+}
+
 void addComponent(float* bins, std::int64_t first, std::int64_t n, float w, float mean, float sigma, float step,
                   SigmaMemo* memo) {
-  const std::int64_t last = first + n - 1;
-  if (memo != nullptr && step == 1.0f && mean >= 0.f && mean <= 255.f && mean == std::floor(mean) && std::isfinite(w) &&
-      std::isfinite(sigma) && sigma > 0.f && first >= 0 && last <= 255) {
-    // Value axis, step 1, whole-number mean: z - mean = k - m exactly.
-    int reach = 0;
-    if (const float* table = memo->find(sigma, &reach)) {
-      const auto m = static_cast<std::int64_t>(mean);
-      const std::int64_t lo = std::max(first, m - reach), hi = std::min(last, m + reach);
-      if (lo > hi) return;
-      // Widened to whole groups from the start of `bins`: the extra bins
-      // get w * 0 (the table is 0 for reach < |d| <= reach + kPad, and w is
-      // finite) or lie in the padding behind the histogram.
-      const float* t = table - m;  // t[k] = T[k - m]
-      const std::int64_t from = (lo - first) / kGroup * kGroup, to = (hi - first) / kGroup * kGroup + kGroup;
-      addScaledGroups(bins + from, t + (first + from), w, (to - from) / kGroup);
-      return;
-    }
+  TermRow row;
+  if (memoRow(memo, first, n, w, mean, sigma, step, &row)) {
+    addTermRows(bins, &row, 1);
+    return;
   }
+  const std::int64_t last = first + n - 1;
   // Long runs are first cut down to the bins that can hold mass; every
   // remaining bin forms its exponent exactly as defined and is skipped
   // when the exponent is below -104, where expf is exactly +0 and a finite
@@ -188,11 +245,11 @@ void normaliseInto(float* bins, std::int64_t n, float scale, float floor, float 
 }
 
 HistogramKernel::HistogramKernel(std::int64_t value_width, std::int64_t height_width, float value_step)
-    : storage_(static_cast<std::size_t>(paddedBins(value_width) + paddedBins(height_width) + kGroup)),
+    : storage_(static_cast<std::size_t>(paddedBins(value_width) + paddedBins(height_width) + kAlignSlack)),
       memo_(value_step == 1.0f ? new SigmaMemo() : nullptr) {
   const auto at = reinterpret_cast<std::uintptr_t>(storage_.data());
-  value_bins_ = storage_.data() +
-                ((kGroup * sizeof(float) - at % (kGroup * sizeof(float))) % (kGroup * sizeof(float))) / sizeof(float);
+  constexpr std::uintptr_t kAlign = kAlignSlack * sizeof(float);
+  value_bins_ = storage_.data() + ((kAlign - at % kAlign) % kAlign) / sizeof(float);
   height_bins_ = value_bins_ + paddedBins(value_width);
 }
 
@@ -206,11 +263,20 @@ void HistogramKernel::build(const BlockWalker& walker, std::int64_t i, std::int6
   std::fill(hbins, hbins + r.height_n, 0.f);
   const std::int64_t height_last = r.height_first + r.height_n - 1;
   pending_count_ = 0;
+  row_count_ = 0;
   walker.forEachCell(i, j, [&](const MCell& cell) {
     for (int c = 0; c < 2; ++c) {
-      if (r.value_n > 0)
-        addComponent(vbins, r.value_first, r.value_n, cell.value_weight[c], cell.value_mean[c], cell.value_sigma[c],
-                     value_step, memo);
+      if (r.value_n > 0) {
+        TermRow& row = rows_[row_count_];
+        if (memoRow(memo, r.value_first, r.value_n, cell.value_weight[c], cell.value_mean[c], cell.value_sigma[c],
+                    value_step, &row)) {
+          if (row.chunk_from < row.chunk_to && ++row_count_ == kPendingRows) flushValueRows();
+        } else {
+          flushValueRows();
+          addComponent(vbins, r.value_first, r.value_n, cell.value_weight[c], cell.value_mean[c], cell.value_sigma[c],
+                       value_step, nullptr);
+        }
+      }
       if (r.height_n > 0) {
         GaussianRun& run = pending_[pending_count_];
         run = {cell.height_weight[c], cell.height_mean[c], cell.height_sigma[c], r.height_first, height_last};
@@ -220,6 +286,7 @@ void HistogramKernel::build(const BlockWalker& walker, std::int64_t i, std::int6
       }
     }
   });
+  flushValueRows();
   flushHeightRuns(r.height_first, height_step);
   normaliseInto(vbins, r.value_n, scale, floor, log_floor, value_out);
   normaliseInto(hbins, r.height_n, scale, floor, log_floor, height_out);
@@ -228,6 +295,11 @@ void HistogramKernel::build(const BlockWalker& walker, std::int64_t i, std::int6
 void HistogramKernel::flushHeightRuns(std::int64_t first, float height_step) {
   addGaussianRuns(height_bins_, first, pending_, pending_count_, height_step);
   pending_count_ = 0;
+}
+
+void HistogramKernel::flushValueRows() {
+  addTermRows(value_bins_, rows_, row_count_);
+  row_count_ = 0;
 }
 
 void HistogramKernel::finish() {

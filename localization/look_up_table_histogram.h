@@ -40,9 +40,9 @@ namespace lut {
 // loaded map holds a few thousand distinct value sigmas.
 class SigmaMemo {
  public:
-  // Zeros on either side of a table: a run widened to whole groups of
-  // kGroup bins (look_up_table_histogram.cpp) stays inside.
-  static constexpr int kPad = 8;
+  // Zeros on either side of a table: a run widened to whole chunks of
+  // kChunk bins (below) stays inside.
+  static constexpr int kPad = 32;
   static constexpr int kSlotBits = 13;
   static constexpr std::uint32_t kSlots = 1u << kSlotBits;
   static constexpr std::int32_t kTables = kSlots / 2;
@@ -71,12 +71,40 @@ class SigmaMemo {
   std::uint32_t used_slots_ = 0;
 };
 
-// Bins of a run are added in whole aligned groups of this many floats, so
-// that successive components store and reload the same groups.
-constexpr std::int64_t kGroup = 8;
+// Bins buffers are handled in whole aligned chunks of this many floats:
+// the term rows below add a chunk at a time, and the eight-lane loops of
+// look_up_table_exp_log.h work on groups of eight inside them.
+constexpr std::int64_t kChunk = 32;
 // Floats a bins buffer needs for an n-bin histogram: n rounded up to whole
-// groups (at least one group).
-inline std::int64_t paddedBins(std::int64_t n) { return ((n > 0 ? n : 1) + kGroup - 1) / kGroup * kGroup; }
+// chunks (at least one chunk).
+inline std::int64_t paddedBins(std::int64_t n) { return ((n > 0 ? n : 1) + kChunk - 1) / kChunk * kChunk; }
+
+// One component's terms over a histogram's bins, kept as a row to be added
+// later: bin q of the chunks [chunk_from, chunk_to) receives w *
+// terms[q - chunk_from * kChunk], the product formed in single precision
+// (no fused multiply-add). Those terms are readable, and 0 wherever q < n
+// lies outside the bins the component reaches; bins past n (padding) may
+// receive anything.
+struct TermRow {
+  const float* terms;
+  float w;
+  std::int32_t chunk_from, chunk_to;
+};
+
+// A memo row for a component of the value axis (step 1, first >= 0, first
+// + n <= 256): false when the memo cannot serve it (a mean that is not a
+// whole number in 0..255, a weight or sigma that is not finite, a sigma
+// not yet tabled, or a different step). A true result with chunk_from ==
+// chunk_to means the component adds nothing to these bins.
+bool memoRow(SigmaMemo* memo, std::int64_t first, std::int64_t n, float w, float mean, float sigma, float step,
+             TermRow* row);
+
+// bins[q] += rows[r].w * rows[r].terms[q] for r = 0 .. count - 1 in turn,
+// over each row's chunks: every bin receives its terms in row order, as
+// if the rows were added one after the other. bins is 32-byte aligned and
+// holds every chunk a row names. Each chunk is carried through all rows in
+// registers, so a bin is loaded and stored once per call.
+void addTermRows(float* bins, const TermRow* rows, int count);
 
 // The memo runs use 256-bit AVX2 instructions where the processor has them
 // (chosen at start), 128-bit SSE otherwise, and the exponentials and
@@ -124,6 +152,14 @@ class HistogramKernel {
   GaussianRun pending_[kPendingRuns];
   int pending_count_ = 0;
   void flushHeightRuns(std::int64_t first, float height_step);
+
+  // Value components the memo serves, gathered so that each chunk of bins
+  // goes through all of them in registers (addTermRows); passed on when
+  // full and before any component the memo cannot serve.
+  static constexpr int kPendingRows = 64;
+  TermRow rows_[kPendingRows];
+  int row_count_ = 0;
+  void flushValueRows();
 
   std::vector<float> storage_;  // both bins buffers, aligned within
   float* value_bins_ = nullptr;

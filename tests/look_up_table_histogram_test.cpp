@@ -87,6 +87,53 @@ TEST(LookUpTableHistogram, AddComponentEqualsTheBinByBinSum) {
   useWideVectors(true);
 }
 
+// The value axis as the kernel runs it: memo rows gathered and added
+// chunk by chunk through all of them, a component the memo cannot serve
+// added directly after the rows before it. Every bin must still receive
+// its terms in component order.
+TEST(LookUpTableHistogram, GatheredRowsEqualTheBinByBinSum) {
+  for (bool wide : {false, true}) {
+    SCOPED_TRACE(wide ? "AVX2" : "SSE");
+    if (!useWideVectors(wide)) continue;
+    std::mt19937 rng(11);
+    for (int round = 0; round < 300; ++round) {
+      const std::int64_t first = static_cast<std::int64_t>(rng() % 200);
+      const std::int64_t n = std::min<std::int64_t>(256 - first, 1 + rng() % 256);
+      const std::vector<Component> comps = randomComponents(rng, true, 90);
+      const std::size_t capacity = 1 + rng() % 40;  // flushes when full, as the kernel's list
+      SigmaMemo memo;
+      Bins fast(n);
+      std::vector<TermRow> rows;
+      std::vector<float> plain(static_cast<std::size_t>(n), 0.f);
+      for (const Component& c : comps) {
+        TermRow row;
+        if (memoRow(&memo, first, n, c.weight, c.mean, c.sigma, 1.0f, &row)) {
+          rows.push_back(row);
+        } else {
+          addTermRows(fast.data(), rows.data(), static_cast<int>(rows.size()));
+          rows.clear();
+          addComponent(fast.data(), first, n, c.weight, c.mean, c.sigma, 1.0f, nullptr);
+        }
+        if (rows.size() == capacity) {
+          addTermRows(fast.data(), rows.data(), static_cast<int>(rows.size()));
+          rows.clear();
+        }
+        for (std::int64_t k = first; k < first + n; ++k) {
+          const float d = static_cast<float>(k) - c.mean;
+          plain[static_cast<std::size_t>(k - first)] += c.weight * std::exp(-(d * d) / c.sigma);
+        }
+      }
+      addTermRows(fast.data(), rows.data(), static_cast<int>(rows.size()));
+      for (std::int64_t k = 0; k < n; ++k) {
+        ASSERT_TRUE(same(fast.data()[k], plain[static_cast<std::size_t>(k)]))
+            << "round " << round << " bin " << first + k << ": " << fast.data()[k] << " vs "
+            << plain[static_cast<std::size_t>(k)];
+      }
+    }
+  }
+  useWideVectors(true);
+}
+
 // The memo's table for a sigma holds exactly the library's exponentials.
 TEST(LookUpTableHistogram, MemoTablesHoldTheLibraryExponentials) {
   SigmaMemo memo;
