@@ -52,24 +52,19 @@ void termRange(float w, float mean, float sigma, float step, std::int64_t first,
 #if defined(__x86_64__) || defined(__i386__)
 __attribute__((target("avx2"))) void addTermRowsAvx2(float* bins, const TermRow* rows, int count,
                                                      std::int32_t from, std::int32_t to) {
+  constexpr int kLanes = kChunk / 8;
   for (std::int32_t c = from; c < to; ++c) {
     float* const b = bins + kChunk * c;
-    __m256 a0 = _mm256_load_ps(b), a1 = _mm256_load_ps(b + 8);
-    __m256 a2 = _mm256_load_ps(b + 16), a3 = _mm256_load_ps(b + 24);
+    __m256 a[kLanes];
+    for (int q = 0; q < kLanes; ++q) a[q] = _mm256_load_ps(b + 8 * q);
     for (int r = 0; r < count; ++r) {
       const TermRow& row = rows[r];
       if (c < row.chunk_from || c >= row.chunk_to) continue;
       const float* const t = row.terms + kChunk * (c - row.chunk_from);
       const __m256 w = _mm256_set1_ps(row.w);
-      a0 = _mm256_add_ps(a0, _mm256_mul_ps(w, _mm256_loadu_ps(t)));
-      a1 = _mm256_add_ps(a1, _mm256_mul_ps(w, _mm256_loadu_ps(t + 8)));
-      a2 = _mm256_add_ps(a2, _mm256_mul_ps(w, _mm256_loadu_ps(t + 16)));
-      a3 = _mm256_add_ps(a3, _mm256_mul_ps(w, _mm256_loadu_ps(t + 24)));
+      for (int q = 0; q < kLanes; ++q) a[q] = _mm256_add_ps(a[q], _mm256_mul_ps(w, _mm256_loadu_ps(t + 8 * q)));
     }
-    _mm256_store_ps(b, a0);
-    _mm256_store_ps(b + 8, a1);
-    _mm256_store_ps(b + 16, a2);
-    _mm256_store_ps(b + 24, a3);
+    for (int q = 0; q < kLanes; ++q) _mm256_store_ps(b + 8 * q, a[q]);
   }
 }
 #endif
