@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/plain_map_loader.h"
 #include "localization/grid_map_lossy.h"
 #include "localization/lossy_format.h"
 #include "localization/map_allocator.h"
@@ -178,57 +179,18 @@ void BM_PreCalcOnly(benchmark::State& state) {
 // cells afterwards. ---
 
 // Raw -> prepared for a plain cell array, as GridMatrix::runPreCalc does it.
-void plainPrepare(std::vector<MCell>& cells) {
-  const auto n = static_cast<std::int64_t>(cells.size());
-#pragma omp parallel for schedule(static)
-  for (std::int64_t i = 0; i < n; ++i) {
-    MCell& c = cells[static_cast<std::size_t>(i)];
-    float* sigma[4] = {&c.value_sigma[0], &c.value_sigma[1], &c.height_sigma[0], &c.height_sigma[1]};
-    float* weight[4] = {&c.value_weight[0], &c.value_weight[1], &c.height_weight[0], &c.height_weight[1]};
-    for (int k = 0; k < 4; ++k) {
-      const float s = *sigma[k];
-      *weight[k] = *weight[k] / s;
-      *sigma[k] = s * (s + s);
-    }
-  }
-}
-
 // Argument 1: 0 for the load alone, 1 for the load and then the
 // preparation of the cells, which is what ReadFromFile does.
 void BM_PlainLoader(benchmark::State& state) {
   const MapFile& f = mapFile(static_cast<int>(state.range(0)));
   const bool prepare = state.range(1) != 0;
-  localization::lossy::CellScales scales{};
   for (auto _ : state) {
-    std::vector<std::int32_t> index;
-    std::vector<MCell> cells;
-    {
-      std::ifstream in(f.path, std::ios::binary);
-      in.seekg(0, std::ios::end);
-      const auto length = static_cast<std::size_t>(in.tellg());
-      in.seekg(0, std::ios::beg);
-      std::vector<char> buf(length);
-      in.read(buf.data(), static_cast<std::streamsize>(length));
-      GridMapLossy header;
-      header.loadHeaderBinary(buf.data());
-      scales = {0.01f, 0.01f, 0.01f, 0.01f, header.height_base_, header.aux_value_base_};
-      const std::uint32_t records = header.body_size_ / 22;
-      index.assign(header.matrix().grid_size_, -1);
-      cells.resize(records);
-      for (std::uint32_t i = 0; i < records; ++i) {
-        const char* record = buf.data() + 61 + 22 * static_cast<std::size_t>(i);
-        const std::uint32_t position = localization::lossy::decodeRecordPosition(record);
-        if (position >= index.size()) std::abort();
-        index[position] = static_cast<std::int32_t>(i);
-        localization::lossy::decodeCellRecord(record, scales, &cells[i]);
-      }
-    }
-    if (prepare) plainPrepare(cells);
-    benchmark::DoNotOptimize(cells.data());
-    benchmark::DoNotOptimize(index.data());
+    bench::PlainMap plain;
+    if (!bench::plainLoad(f.path, prepare, &plain)) std::abort();
+    benchmark::DoNotOptimize(plain.cells.data());
+    benchmark::DoNotOptimize(plain.index.data());
     state.PauseTiming();
-    std::vector<MCell>().swap(cells);
-    std::vector<std::int32_t>().swap(index);
+    plain = bench::PlainMap();
     state.ResumeTiming();
   }
   setCounters(state, f);

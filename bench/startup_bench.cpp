@@ -37,11 +37,13 @@
 #include <string>
 #include <vector>
 
+#include "bench/plain_map_loader.h"
 #include "gpu_aligner/gpu_aligner.h"
 #include "localization/grid_map_lossy.h"
 #include "localization/lossy_format.h"
 #include "localization/grid_map_server.h"
 #include "localization/look_up_table.h"
+#include "localization/matrix_config.h"
 #include "tests/support/plain_look_up_table.h"
 #include "tests/support/synthetic_map.h"
 
@@ -95,72 +97,14 @@ struct QuietStdout {
   ~QuietStdout() { std::cout.clear(); }
 };
 
-// The plain side: the file through a zero-filled std::vector buffer,
-// decoded into standard vectors (4 KiB pages, one construction pass, then
-// the decode), the cells prepared as runPreCalc does.
-struct PlainMap {
-  GridMatrix matrix;  // geometry only; cells and index in the vectors below
-  std::vector<std::int32_t> index;
-  std::vector<MCell> cells;
-};
-
-bool plainLoad(const std::string& path, PlainMap* out) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  in.seekg(0, std::ios::end);
-  const auto length = static_cast<std::size_t>(in.tellg());
-  in.seekg(0, std::ios::beg);
-  std::vector<char> buf(length);
-  in.read(buf.data(), static_cast<std::streamsize>(length));
-  GridMapLossy header;
-  header.loadHeaderBinary(buf.data());
-  const localization::lossy::CellScales scales{0.01f, 0.01f, 0.01f, 0.01f, header.height_base_, header.aux_value_base_};
-  const std::uint32_t records = header.body_size_ / 22;
-  out->matrix.manualInit(header.matrix().resolution_, header.matrix().cols_, header.matrix().rows_,
-                         header.matrix().offset_x_, header.matrix().offset_y_);
-  out->index.assign(header.matrix().grid_size_, -1);
-  out->cells.resize(records);
-  for (std::uint32_t i = 0; i < records; ++i) {
-    const char* record = buf.data() + 61 + 22 * static_cast<std::size_t>(i);
-    const std::uint32_t position = localization::lossy::decodeRecordPosition(record);
-    if (position >= out->index.size()) return false;
-    out->index[position] = static_cast<std::int32_t>(i);
-    localization::lossy::decodeCellRecord(record, scales, &out->cells[i]);
-  }
-  const auto n = static_cast<std::int64_t>(out->cells.size());
-#pragma omp parallel for schedule(static)
-  for (std::int64_t i = 0; i < n; ++i) {
-    MCell& c = out->cells[static_cast<std::size_t>(i)];
-    float* sigma[4] = {&c.value_sigma[0], &c.value_sigma[1], &c.height_sigma[0], &c.height_sigma[1]};
-    float* weight[4] = {&c.value_weight[0], &c.value_weight[1], &c.height_weight[0], &c.height_weight[1]};
-    for (int k = 0; k < 4; ++k) {
-      const float s = *sigma[k];
-      *weight[k] = *weight[k] / s;
-      *sigma[k] = s * (s + s);
-    }
-  }
-  return true;
-}
-
 // The plain table builder takes a GridMatrix; the plain map's vectors are
 // copied into one outside the timing.
-GridMatrix plainMatrix(const PlainMap& plain) {
+GridMatrix plainMatrix(const bench::PlainMap& plain) {
   GridMatrix m = plain.matrix;
   m.index_.assign(plain.index.begin(), plain.index.end());
   m.cells_.assign(plain.cells.begin(), plain.cells.end());
   m.precalculated_ = true;
   return m;
-}
-
-localization::MatrixConfig configOf(const localization::GridMatrixBase& m) {
-  localization::MatrixConfig c;
-  c.resolution = m.resolution_;
-  c.grid_size = m.grid_size_;
-  c.cols = m.cols_;
-  c.rows = m.rows_;
-  c.offset_x = m.offset_x_;
-  c.offset_y = m.offset_y_;
-  return c;
 }
 
 // Runs one operation; false when it failed.
@@ -174,9 +118,9 @@ bool runChild(const std::string& op, const std::string& path, double* seconds, d
     return ok;
   }
   if (op == "plain_load") {
-    PlainMap plain;
+    bench::PlainMap plain;
     const Timer start;
-    const bool ok = plainLoad(path, &plain);
+    const bool ok = bench::plainLoad(path, true, &plain);
     *seconds = start.stop(cpu);
     return ok;
   }
@@ -196,10 +140,10 @@ bool runChild(const std::string& op, const std::string& path, double* seconds, d
     return e.value_bins > 0;
   }
   if (op == "plain_table") {
-    PlainMap plain;
-    if (!plainLoad(path, &plain)) return false;
+    bench::PlainMap plain;
+    if (!bench::plainLoad(path, true, &plain)) return false;
     const GridMatrix m = plainMatrix(plain);
-    plain = PlainMap();
+    plain = bench::PlainMap();
     const Timer start;
     const GridMatrixTable table = testing::plainLookUpTable(m, 4, 0.15f, 1.0f);
     *seconds = start.stop(cpu);
@@ -221,13 +165,13 @@ bool runChild(const std::string& op, const std::string& path, double* seconds, d
     // straight into one (standard allocation for its vectors is what the
     // plain side stands for; the matrix's own allocator is the library's).
     const Timer start;
-    PlainMap plain;
-    if (!plainLoad(path, &plain)) return false;
+    bench::PlainMap plain;
+    if (!bench::plainLoad(path, true, &plain)) return false;
     const GridMatrixTable table = testing::plainLookUpTable(plainMatrix(plain), 4, 0.15f, 1.0f);
-    localization::cudaSetMatrixConfig(configOf(plain.matrix));
+    localization::cudaSetMatrixConfig(localization::matrixConfigOf(plain.matrix));
     localization::cudaSetMatrixCells(plain.cells.data(), static_cast<int>(plain.cells.size()), plain.index.data(),
                                      static_cast<int>(plain.index.size()));
-    localization::cudaSetMatrixConfigCoarse(configOf(table));
+    localization::cudaSetMatrixConfigCoarse(localization::matrixConfigOf(table));
     localization::cudaSetMatrixCellsCoarse(table.height_table_.data(), static_cast<int>(table.height_table_.size()),
                                            table.value_table_.data(), static_cast<int>(table.value_table_.size()),
                                            table.coarse_cells_.data());

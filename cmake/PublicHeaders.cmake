@@ -21,6 +21,7 @@ set(ZV_PUBLIC_HEADERS
   localization/grid_map_lossy.h
   localization/map_load_status.h
   localization/grid_map_server.h
+  localization/matrix_config.h
   localization/runtime_error.h
   localization/look_up_table.h
   localization/lossy_format.h

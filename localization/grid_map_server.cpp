@@ -10,6 +10,7 @@
 #include "common/console.h"
 #include "gpu_aligner/gpu_aligner.h"
 #include "localization/look_up_table.h"
+#include "localization/matrix_config.h"
 #include "localization/runtime_error.h"
 
 #ifndef ZV_DEFAULT_MAP_PATH
@@ -25,17 +26,6 @@ namespace {
 [[noreturn]] void failStartup(const char* message, unsigned code) {
   common::printRedLine(message);
   throw runtime_error(code);
-}
-
-MatrixConfig configOf(const GridMatrixBase& m) {
-  MatrixConfig config;
-  config.resolution = m.resolution_;
-  config.grid_size = m.grid_size_;
-  config.cols = m.cols_;
-  config.rows = m.rows_;
-  config.offset_x = m.offset_x_;
-  config.offset_y = m.offset_y_;
-  return config;
 }
 
 // What building a table at start-up may cost, in proportion to the loaded
@@ -140,7 +130,7 @@ bool GridMapServer::calcSubSampledMatrix(int level) {
 bool GridMapServer::copyFullResMatrixGpu() {
   const GridMatrix& matrix = grid_map_->matrix();
   if (!fitsInt(matrix.cells_.size()) || !fitsInt(matrix.index_.size())) return false;
-  cudaSetMatrixConfig(configOf(matrix));
+  cudaSetMatrixConfig(matrixConfigOf(matrix));
   cudaSetMatrixCells(matrix.cells_.data(), static_cast<int>(matrix.cells_.size()),
                      matrix.index_.data(), static_cast<int>(matrix.index_.size()));
   return true;
@@ -149,7 +139,7 @@ bool GridMapServer::copyFullResMatrixGpu() {
 bool GridMapServer::copySubSampledMatrixGpu(int level) {
   const GridMatrixTable& table = grid_map_->matrixTable(static_cast<unsigned>(level));
   if (!fitsInt(table.height_table_.size()) || !fitsInt(table.value_table_.size())) return false;
-  cudaSetMatrixConfigCoarse(configOf(table));
+  cudaSetMatrixConfigCoarse(matrixConfigOf(table));
   // The matcher takes the height table first, although the table declares
   // the value table first.
   cudaSetMatrixCellsCoarse(table.height_table_.data(), static_cast<int>(table.height_table_.size()),
