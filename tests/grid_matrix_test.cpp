@@ -13,17 +13,14 @@
 #include <tuple>
 #include <vector>
 
+#include "tests/support/map_bytes.h"
 #include "tests/support/team_size.h"
 
 namespace zorvane {
 namespace localization {
 namespace {
 
-std::uint32_t bits(float f) {
-  std::uint32_t u;
-  std::memcpy(&u, &f, sizeof u);
-  return u;
-}
+using testing::bits;
 
 MCell cellWith(float vs0, float vs1, float vw0, float vw1, float hs0, float hs1, float hw0,
                float hw1) {

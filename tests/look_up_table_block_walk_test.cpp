@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "localization/look_up_table_exact.h"
+
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -15,12 +17,6 @@ namespace {
 
 using namespace zorvane::localization;
 using namespace zorvane::localization::lut;
-
-std::uint32_t bits(float v) {
-  std::uint32_t b = 0;
-  std::memcpy(&b, &v, sizeof b);
-  return b;
-}
 
 TEST(LookUpTableBlockWalk, GeometryOfTheCoarseGrid) {
   struct Case {
@@ -48,7 +44,7 @@ TEST(LookUpTableBlockWalk, GeometryOfTheCoarseGrid) {
   m.manualInit(0.15f, 10, 7, 5, -3);
   GridMatrixTable t;
   setTableGeometry(m, 4, 0.25f, 2.f, &t);
-  EXPECT_EQ(bits(t.resolution_), bits(0.15f * 4.f));
+  EXPECT_EQ(bitsOf(t.resolution_), bitsOf(0.15f * 4.f));
   EXPECT_EQ(std::make_tuple(t.height_step_, t.value_step_), std::make_tuple(0.25f, 2.f));
 }
 

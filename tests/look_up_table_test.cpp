@@ -18,6 +18,7 @@
 #include <tuple>
 #include <vector>
 
+#include "localization/look_up_table_exact.h"
 #include "localization/look_up_table_histogram.h"
 #include "tests/support/plain_look_up_table.h"
 #include "tests/support/synthetic_map.h"
@@ -30,12 +31,6 @@ using zorvane::testing::makeSyntheticMap;
 
 const float kInf = std::numeric_limits<float>::infinity();
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
-
-std::uint32_t bits(float v) {
-  std::uint32_t b = 0;
-  std::memcpy(&b, &v, sizeof b);
-  return b;
-}
 
 // Runs fn with the default OpenMP team set to `threads`.
 template <class Fn>
@@ -52,8 +47,8 @@ auto withThreads(int threads, Fn&& fn) {
 ::testing::AssertionResult sameTable(const GridMatrixTable& a, const GridMatrixTable& b) {
   const auto fail = [](const std::string& what) { return ::testing::AssertionFailure() << what; };
   const auto fields = [](const GridMatrixTable& t) {
-    return std::make_tuple(bits(t.resolution_), t.grid_size_, t.cols_, t.rows_, t.offset_x_, t.offset_y_,
-                           bits(t.height_step_), bits(t.value_step_), bits(t.prob_scale_), bits(t.prob_floor_));
+    return std::make_tuple(lut::bitsOf(t.resolution_), t.grid_size_, t.cols_, t.rows_, t.offset_x_, t.offset_y_,
+                           lut::bitsOf(t.height_step_), lut::bitsOf(t.value_step_), lut::bitsOf(t.prob_scale_), lut::bitsOf(t.prob_floor_));
   };
   if (fields(a) != fields(b)) return fail("geometry, steps or probabilities");
   if (a.coarse_cells_.size() != b.coarse_cells_.size()) return fail("number of records");
@@ -65,7 +60,7 @@ auto withThreads(int threads, Fn&& fn) {
                                    std::make_tuple("height_table_", &a.height_table_, &b.height_table_)}) {
     if (x->size() != y->size()) return fail(std::string(name) + " size");
     for (std::size_t k = 0; k < x->size(); ++k) {
-      if (!(std::isnan((*x)[k]) && std::isnan((*y)[k])) && bits((*x)[k]) != bits((*y)[k]))
+      if (!(std::isnan((*x)[k]) && std::isnan((*y)[k])) && lut::bitsOf((*x)[k]) != lut::bitsOf((*y)[k]))
         return fail(std::string(name) + "[" + std::to_string(k) + "]");
     }
   }
@@ -377,13 +372,13 @@ TEST(LookUpTableEdges, OddMatricesMatchThePlainBuilderAndStayBounded) {
       {"infinite height", oneCell(preparedCell(10.f, 4.f, kInf, 0.5f)), 1, 0.15f, 1.0f,
        [&](const GridMatrixTable& t) {
          firstHeight(10000)(t);
-         EXPECT_EQ(bits(t.height_table_[123]), bits(log_floor));
+         EXPECT_EQ(lut::bitsOf(t.height_table_[123]), lut::bitsOf(log_floor));
        }},
       // A spread far narrower than a bin, mean half-way between two bins:
       // every exponential underflows, and 0 / 0 is replaced by the floor.
       {"all mass underflowing", oneCell(preparedCell(100.f, 2.f, 0.075f, 2e-6f)), 1, 0.15f, 1.0f,
        [&](const GridMatrixTable& t) {
-         EXPECT_TRUE(every(t.height_table_, [&](float v) { return bits(v) == bits(log_floor); }));
+         EXPECT_TRUE(every(t.height_table_, [&](float v) { return lut::bitsOf(v) == lut::bitsOf(log_floor); }));
        }},
       {"non-finite cells", non_finite, 2},
       {"zero sigma", zero_sigma, 1, 0.15f, 1.0f,
