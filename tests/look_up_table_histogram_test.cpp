@@ -1,0 +1,138 @@
+// The per-axis histogram kernel against the bin-by-bin arithmetic it
+// replaces: every bin's bits, with and without the exponential memo.
+#include "localization/look_up_table_histogram.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <vector>
+
+namespace {
+
+using namespace zorvane::localization::lut;
+
+std::uint32_t bits(float v) {
+  std::uint32_t b = 0;
+  std::memcpy(&b, &v, sizeof b);
+  return b;
+}
+bool same(float a, float b) { return (std::isnan(a) && std::isnan(b)) || bits(a) == bits(b); }
+
+struct Component {
+  float weight, mean, sigma;
+};
+
+// Bins padded to whole groups and 32-byte aligned, as the kernel requires.
+struct Bins {
+  explicit Bins(std::int64_t n) : n(n), storage(static_cast<std::size_t>(paddedBins(n) + 8), 0.f) {}
+  float* data() {
+    return reinterpret_cast<float*>((reinterpret_cast<std::uintptr_t>(storage.data()) + 31) & ~std::uintptr_t{31});
+  }
+  std::int64_t n;
+  std::vector<float> storage;
+};
+
+// Random components over an axis: value-like (whole means, repeated sigmas,
+// step 1: the memo's case) or height-like (fractional means, any step),
+// with zero, subnormal and huge weights and zero spreads mixed in.
+std::vector<Component> randomComponents(std::mt19937& rng, bool value_like, int count) {
+  std::uniform_real_distribution<float> u(0.f, 1.f);
+  const float sigmas[] = {2.f, 4.5f, 8.f, 0.18f, 50.f, 200.f, 1e-4f};
+  std::vector<Component> v;
+  for (int i = 0; i < count; ++i) {
+    Component c;
+    const float r = u(rng);
+    c.weight = r < 0.05f ? 0.f : r < 0.1f ? 1e-40f : r < 0.12f ? 3e20f : u(rng) * 2.f;
+    c.mean = value_like ? std::floor(u(rng) * 300.f - 20.f) : u(rng) * 40.f - 20.f;
+    c.sigma = u(rng) < 0.03f ? 0.f : sigmas[static_cast<int>(u(rng) * 7.f) % 7];
+    if (c.sigma == 0.f) c.weight = std::numeric_limits<float>::infinity();  // as prepared from sigma 0
+    v.push_back(c);
+  }
+  return v;
+}
+
+TEST(LookUpTableHistogram, AddComponentEqualsTheBinByBinSum) {
+  for (bool wide : {false, true}) {
+    SCOPED_TRACE(wide ? "AVX2" : "SSE");
+    if (!useWideVectors(wide)) continue;
+    std::mt19937 rng(3);
+    for (int round = 0; round < 400; ++round) {
+      const bool value_like = round % 2 == 0;
+      const float step = value_like ? 1.0f : (round % 3 == 0 ? 0.15f : 0.37f);
+      const std::int64_t first =
+          value_like ? static_cast<std::int64_t>(rng() % 120) : static_cast<std::int64_t>(rng() % 200) - 150;
+      const std::int64_t n = value_like ? std::min<std::int64_t>(256 - first, 1 + rng() % 200) : 1 + rng() % 300;
+      const std::vector<Component> comps = randomComponents(rng, value_like, 40);
+      SigmaMemo memo;
+      Bins fast(n);
+      std::vector<float> plain(static_cast<std::size_t>(n), 0.f);
+      for (const Component& c : comps) {
+        addComponent(fast.data(), first, n, c.weight, c.mean, c.sigma, step, value_like ? &memo : nullptr);
+        for (std::int64_t k = first; k < first + n; ++k) {
+          const float d = static_cast<float>(k) * step - c.mean;
+          plain[static_cast<std::size_t>(k - first)] += c.weight * std::exp(-(d * d) / c.sigma);
+        }
+      }
+      for (std::int64_t k = 0; k < n; ++k) {
+        ASSERT_TRUE(same(fast.data()[k], plain[static_cast<std::size_t>(k)]))
+            << "round " << round << " bin " << first + k << ": " << fast.data()[k] << " vs "
+            << plain[static_cast<std::size_t>(k)];
+      }
+    }
+  }
+  useWideVectors(true);
+}
+
+// The memo's table for a sigma holds exactly the library's exponentials.
+TEST(LookUpTableHistogram, MemoTablesHoldTheLibraryExponentials) {
+  SigmaMemo memo;
+  int reach = 0;
+  for (float s : {2.f, 0.5f, 98.f, 1e-3f}) {
+    EXPECT_EQ(memo.find(s, &reach), nullptr) << "a sigma met once gets no table";
+    const float* t = memo.find(s, &reach);
+    ASSERT_NE(t, nullptr);
+    int last = -1;
+    for (int d = 0; d <= 255; ++d) {
+      const float df = static_cast<float>(d);
+      if (std::exp(-(df * df) / s) != 0.f) last = d;
+    }
+    EXPECT_EQ(reach, last);
+    for (int d = -reach - SigmaMemo::kPad; d <= reach + SigmaMemo::kPad; ++d) {
+      const float df = static_cast<float>(d);
+      const float want = std::abs(d) <= reach ? std::exp(-(df * df) / s) : 0.f;
+      ASSERT_EQ(bits(t[d]), bits(want)) << s << " " << d;
+    }
+  }
+}
+
+TEST(LookUpTableHistogram, NormalisationIsTheLogOfTheScaledShare) {
+  const float scale = 0.9f, floor = 0.001f, log_floor = std::log(0.001f);
+  std::mt19937 rng(9);
+  std::uniform_real_distribution<float> u(0.f, 1.f);
+  for (int round = 0; round < 300; ++round) {
+    const std::int64_t n = 1 + static_cast<std::int64_t>(rng() % 300);
+    Bins padded(n);
+    std::vector<float> bins(static_cast<std::size_t>(n));
+    const int kind = round % 4;
+    for (float& b : bins) {
+      const float r = u(rng);
+      b = kind == 0 ? 0.f : kind == 1 ? r * 1e-42f : r < 0.3f ? 0.f : r < 0.4f ? r * 1e-40f : r * 3.f;
+    }
+    float sum = 0.f;
+    for (float b : bins) sum += b;
+    std::vector<float> want(bins.size());
+    for (std::size_t k = 0; k < bins.size(); ++k)
+      want[k] = sum == 0.f ? log_floor : std::log((bins[k] / sum) * scale + floor);
+    std::vector<float> out(bins.size() + 1, -1.f);
+    std::copy(bins.begin(), bins.end(), padded.data());
+    normaliseInto(padded.data(), n, scale, floor, log_floor, out.data() + 1);  // unaligned output
+    for (std::size_t k = 0; k < want.size(); ++k) ASSERT_EQ(bits(out[k + 1]), bits(want[k])) << round << " " << k;
+    EXPECT_EQ(out[0], -1.f);
+  }
+}
+
+}  // namespace
