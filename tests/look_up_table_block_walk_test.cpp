@@ -5,13 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include "localization/look_up_table_exact.h"
-
 #include <climits>
 #include <cstdint>
-#include <cstring>
 #include <tuple>
 #include <vector>
+
+#include "localization/look_up_table_exact.h"
 
 namespace {
 
