@@ -39,7 +39,8 @@ TEST(CommonBase, PresentValuesReadSilentlyWithTheirOwnConversion) {
   EXPECT_TRUE(c.yamlRead(node, "path", path) && c.yamlRead(node, "number", number) &&
               c.yamlRead(node, "quoted", quoted) && c.yamlRead(node, "count", count));
   EXPECT_EQ(GetCapturedStdout(), "");
-  EXPECT_EQ(std::make_tuple(path, number, quoted, count), std::make_tuple("/maps/a b.gridmap", "007", "  padded  ", 12));
+  EXPECT_EQ(std::make_tuple(path, number, quoted, count),
+            std::make_tuple("/maps/a b.gridmap", "007", "  padded  ", 12));
 }
 
 TEST(CommonBaseYamlRead, AbsentEmptyOrNullWarnsOnceAndKeepsTarget) {

@@ -150,7 +150,9 @@ TEST(PreCheckTest, FlagsNonFiniteSquaresAndRaisesSmallSpreads) {
     EXPECT_EQ(0, std::memcmp(&cell, &before, sizeof cell));
     EXPECT_EQ(GridMatrix::runPreCheckSmall(cell), c.small);
     const float got[4] = {cell.value_sigma[0], cell.value_sigma[1], cell.height_sigma[0], cell.height_sigma[1]};
-    for (int k = 0; k < 4; ++k) EXPECT_TRUE(bits(got[k]) == bits(c.after[k]) || (std::isnan(got[k]) && std::isnan(c.after[k]))) << k;
+    for (int k = 0; k < 4; ++k) {
+      EXPECT_TRUE(bits(got[k]) == bits(c.after[k]) || (std::isnan(got[k]) && std::isnan(c.after[k]))) << k;
+    }
   }
   EXPECT_EQ(bits(kRaised), 0x3ba3d70au);
 }

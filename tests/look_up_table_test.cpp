@@ -4,7 +4,6 @@
 #include "localization/look_up_table.h"
 
 #include <gtest/gtest.h>
-#include <omp.h>
 
 #include <algorithm>
 #include <climits>
@@ -22,12 +21,14 @@
 #include "localization/look_up_table_histogram.h"
 #include "tests/support/plain_look_up_table.h"
 #include "tests/support/synthetic_map.h"
+#include "tests/support/team_size.h"
 
 namespace {
 
 using namespace zorvane::localization;
 using zorvane::testing::plainLookUpTable;
 using zorvane::testing::makeSyntheticMap;
+using lut::bitsOf;
 
 const float kInf = std::numeric_limits<float>::infinity();
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -35,11 +36,8 @@ const float kNaN = std::numeric_limits<float>::quiet_NaN();
 // Runs fn with the default OpenMP team set to `threads`.
 template <class Fn>
 auto withThreads(int threads, Fn&& fn) {
-  const int saved = omp_get_max_threads();
-  omp_set_num_threads(threads);
-  auto result = fn();
-  omp_set_num_threads(saved);
-  return result;
+  zorvane::testing::ScopedTeamSize team(threads);
+  return fn();
 }
 
 // Every field, every record and every float of both sequences, as bits
@@ -47,8 +45,8 @@ auto withThreads(int threads, Fn&& fn) {
 ::testing::AssertionResult sameTable(const GridMatrixTable& a, const GridMatrixTable& b) {
   const auto fail = [](const std::string& what) { return ::testing::AssertionFailure() << what; };
   const auto fields = [](const GridMatrixTable& t) {
-    return std::make_tuple(lut::bitsOf(t.resolution_), t.grid_size_, t.cols_, t.rows_, t.offset_x_, t.offset_y_,
-                           lut::bitsOf(t.height_step_), lut::bitsOf(t.value_step_), lut::bitsOf(t.prob_scale_), lut::bitsOf(t.prob_floor_));
+    return std::make_tuple(bitsOf(t.resolution_), t.grid_size_, t.cols_, t.rows_, t.offset_x_, t.offset_y_,
+                           bitsOf(t.height_step_), bitsOf(t.value_step_), bitsOf(t.prob_scale_), bitsOf(t.prob_floor_));
   };
   if (fields(a) != fields(b)) return fail("geometry, steps or probabilities");
   if (a.coarse_cells_.size() != b.coarse_cells_.size()) return fail("number of records");
@@ -60,7 +58,7 @@ auto withThreads(int threads, Fn&& fn) {
                                    std::make_tuple("height_table_", &a.height_table_, &b.height_table_)}) {
     if (x->size() != y->size()) return fail(std::string(name) + " size");
     for (std::size_t k = 0; k < x->size(); ++k) {
-      if (!(std::isnan((*x)[k]) && std::isnan((*y)[k])) && lut::bitsOf((*x)[k]) != lut::bitsOf((*y)[k]))
+      if (!(std::isnan((*x)[k]) && std::isnan((*y)[k])) && bitsOf((*x)[k]) != bitsOf((*y)[k]))
         return fail(std::string(name) + "[" + std::to_string(k) + "]");
     }
   }
@@ -95,7 +93,9 @@ MCell preparedCell(float value_mean, float value_sigma, float height_mean, float
 
 TEST(LookUpTable, UnpreparedMatrixGivesTheEmptyTable) {
   const auto map = makeSyntheticMap(40, 30, 3);
-  for (int factor : {4, 0, -2}) EXPECT_TRUE(sameTable(map.matrix.getLookUpTable(factor, 0.15f, 1.0f), GridMatrixTable()));
+  for (int factor : {4, 0, -2}) {
+    EXPECT_TRUE(sameTable(map.matrix.getLookUpTable(factor, 0.15f, 1.0f), GridMatrixTable()));
+  }
 }
 
 // ---------------------------------------------------------------------------
@@ -372,13 +372,13 @@ TEST(LookUpTableEdges, OddMatricesMatchThePlainBuilderAndStayBounded) {
       {"infinite height", oneCell(preparedCell(10.f, 4.f, kInf, 0.5f)), 1, 0.15f, 1.0f,
        [&](const GridMatrixTable& t) {
          firstHeight(10000)(t);
-         EXPECT_EQ(lut::bitsOf(t.height_table_[123]), lut::bitsOf(log_floor));
+         EXPECT_EQ(bitsOf(t.height_table_[123]), bitsOf(log_floor));
        }},
       // A spread far narrower than a bin, mean half-way between two bins:
       // every exponential underflows, and 0 / 0 is replaced by the floor.
       {"all mass underflowing", oneCell(preparedCell(100.f, 2.f, 0.075f, 2e-6f)), 1, 0.15f, 1.0f,
        [&](const GridMatrixTable& t) {
-         EXPECT_TRUE(every(t.height_table_, [&](float v) { return lut::bitsOf(v) == lut::bitsOf(log_floor); }));
+         EXPECT_TRUE(every(t.height_table_, [&](float v) { return bitsOf(v) == bitsOf(log_floor); }));
        }},
       {"non-finite cells", non_finite, 2},
       {"zero sigma", zero_sigma, 1, 0.15f, 1.0f,
@@ -390,7 +390,9 @@ TEST(LookUpTableEdges, OddMatricesMatchThePlainBuilderAndStayBounded) {
          EXPECT_TRUE(sameTable(t, cleaned.getLookUpTable(r.factor, r.height_step, r.value_step)));
        }},
   };
-  for (float step : {0.f, -0.15f, kNaN, kInf, 1e-30f}) edges.push_back({"step " + std::to_string(step), small, 3, step, step});
+  for (float step : {0.f, -0.15f, kNaN, kInf, 1e-30f}) {
+    edges.push_back({"step " + std::to_string(step), small, 3, step, step});
+  }
   // Offsets at the ends of the int32 range: block origins need 64 bits.
   for (int offset : {INT_MIN, INT_MAX, INT_MIN + 3}) {
     GridMatrix m = emptyMatrix(9, 5, offset, offset);
@@ -420,7 +422,8 @@ TEST(LookUpTableEdges, ExtremeGeometryDoesNotOverflowOrAllocateWildly) {
   negative.index_.assign(4, 0);
   negative.precalculated_ = true;
   const GridMatrixTable nt = negative.getLookUpTable(1, 0.15f, 1.0f);
-  EXPECT_EQ(std::make_tuple(nt.grid_size_, nt.coarse_cells_.size(), nt.cols_), std::make_tuple(0u, std::size_t{0}, -40000));
+  EXPECT_EQ(std::make_tuple(nt.grid_size_, nt.coarse_cells_.size(), nt.cols_),
+            std::make_tuple(0u, std::size_t{0}, -40000));
 
   // The most negative factor stores no bins; the largest visits only the
   // matrix, in one block.
