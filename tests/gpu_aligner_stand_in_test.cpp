@@ -55,23 +55,17 @@ TEST_F(StandIn, RecordsWhatACorrectUploadSentAndJudgesItConsistent) {
   loc::cudaSetMatrixConfigCoarse(level2);
   loc::cudaSetMatrixCellsCoarse(heights.data(), 3, values.data(), 2, records.data());
 
-  EXPECT_EQ(rec().callNames(),
-            (std::vector<std::string>{"cudaSetMatrixConfig", "cudaSetMatrixCells",
-                                      "cudaSetMatrixConfigCoarse", "cudaSetMatrixCellsCoarse"}));
-  EXPECT_TRUE(sameBytes(rec().configs, {config(3, 2)}));
-  EXPECT_TRUE(sameBytes(rec().coarse_configs, {level2}));
-  const std::vector<const void*> pointers = {cells.data(), index.data(), heights.data(), values.data(),
-                                             records.data()};
+  EXPECT_EQ(rec().callNames(), (std::vector<std::string>{"cudaSetMatrixConfig", "cudaSetMatrixCells",
+                                                         "cudaSetMatrixConfigCoarse", "cudaSetMatrixCellsCoarse"}));
+  EXPECT_TRUE(sameBytes(rec().configs, {config(3, 2)}) && sameBytes(rec().coarse_configs, {level2}));
   EXPECT_EQ((std::vector<const void*>{rec().cells.at, rec().index.at, rec().height_table.at, rec().value_table.at,
                                       rec().coarse_cells.at}),
-            pointers);
+            (std::vector<const void*>{cells.data(), index.data(), heights.data(), values.data(), records.data()}));
   EXPECT_EQ(std::make_pair(rec().cells.count, rec().index.count), std::make_pair(std::int64_t{2}, std::int64_t{6}));
-  EXPECT_TRUE(rec().cells.holds(cells) && rec().index.holds(index));
-  EXPECT_TRUE(rec().height_table.holds(heights) && rec().value_table.holds(values));
-  EXPECT_TRUE(rec().coarse_cells.holds(records));
+  EXPECT_TRUE(rec().cells.holds(cells) && rec().index.holds(index) && rec().height_table.holds(heights) &&
+              rec().value_table.holds(values) && rec().coarse_cells.holds(records));
   EXPECT_FALSE(rec().height_table.holds(values));
-  EXPECT_TRUE(rec().verdict.consistent() && rec().verdict.problems.empty());
-  EXPECT_TRUE(rec().verdict.warnings.empty());
+  EXPECT_TRUE(rec().verdict.consistent() && rec().verdict.problems.empty() && rec().verdict.warnings.empty());
 
   // What arrived is kept as it was during the call: a later change of the
   // caller's arrays shows, and the first element alone is not enough.
@@ -89,24 +83,20 @@ TEST_F(StandIn, RecordsWhatACorrectUploadSentAndJudgesItConsistent) {
   EXPECT_EQ(rec().index.at, nullptr);
 }
 
+// Lengths around the 8- and 32-byte steps; a change of any single byte, or
+// one byte more or less, gives another digest.
 TEST(StandInDigest, EveryByteAndTheLengthCount) {
-  // Lengths around the 8- and 32-byte steps; a change of any single byte,
-  // or one byte more or less, gives another digest.
   for (const std::size_t size : {0u, 1u, 7u, 8u, 9u, 31u, 32u, 33u, 64u, 71u}) {
     std::vector<unsigned char> bytes(size + 1);
     for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(i * 37 + 11);
     const std::uint64_t digest = stand_in::digestOf(bytes.data(), size);
     EXPECT_EQ(stand_in::digestOf(std::vector<unsigned char>(bytes).data(), size), digest);
     EXPECT_NE(stand_in::digestOf(bytes.data(), size + 1), digest) << size;
-    if (size > 0) {
-      EXPECT_NE(stand_in::digestOf(bytes.data(), size - 1), digest) << size;
-    }
-    for (std::size_t i = 0; i < size; ++i) {
-      for (const unsigned char flip : {0x01, 0x80}) {
-        bytes[i] ^= flip;
-        EXPECT_NE(stand_in::digestOf(bytes.data(), size), digest) << size << " byte " << i;
-        bytes[i] ^= flip;
-      }
+    if (size > 0) { EXPECT_NE(stand_in::digestOf(bytes.data(), size - 1), digest) << size; }
+    for (std::size_t i = 0; i < size * 2; ++i) {
+      bytes[i / 2] ^= i % 2 ? 0x80 : 0x01;
+      EXPECT_NE(stand_in::digestOf(bytes.data(), size), digest) << size << " byte " << i / 2;
+      bytes[i / 2] ^= i % 2 ? 0x80 : 0x01;
     }
   }
 }

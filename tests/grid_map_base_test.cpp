@@ -1,16 +1,16 @@
-// GridMapBase: the rules of the table cache, including the end of the
-// process on a missing level.
+// GridMapBase: the rules of the table cache. That a reload keeps the cached
+// table, and that a missing level ends the process, are seen through the
+// server (grid_map_server_test.cpp).
 #include "localization/grid_map_base.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "localization/grid_map_lossy.h"
-#include "tests/support/map_files.h"
+#include "tests/support/map_bytes.h"
 #include "tests/support/synthetic_map.h"
 
 namespace zorvane {
@@ -85,41 +85,6 @@ TEST(GridMapBaseCacheTest, AnEmptyTableOnceCachedIsKept) {
   EXPECT_EQ(map.matrix_tables_.begin()->first, 1u);
   EXPECT_FALSE(map.matrixTable(1).coarse_cells_.empty());
   EXPECT_EQ(&map.mutable_matrixable(4), &inserted);
-}
-
-TEST(GridMapBaseCacheTest, ReloadingTheMapKeepsTheCachedTable) {
-  const std::string path = testing::tempMapPath("reload.zvmap");
-  GridMapLossy writer;
-  testing::SyntheticMap synthetic = testing::makeSyntheticMap(30, 20, 1);
-  writer.height_base_ = synthetic.height_base;
-  writer.aux_value_base_ = synthetic.aux_value_base;
-  writer.mutable_matrix() = synthetic.matrix;
-  std::string out;
-  ASSERT_TRUE(testing::saveCapturing(writer, path, &out));
-
-  GridMapLossy map;
-  loadSmallMap(&map, 5);
-  map.generateMatrixTalbe(4);
-  const GridMatrixTable before = map.matrixTable(4);
-  ASSERT_TRUE(testing::readCapturing(map, path, &out));
-  EXPECT_EQ(map.matrix().cols_, 30);
-  EXPECT_TRUE(sameTable(map.matrixTable(4), before));
-}
-
-class GridMapBaseDeathTest : public ::testing::Test {
- protected:
-  // The library's OpenMP regions leave worker threads behind; a forked
-  // child must re-execute instead of inheriting them.
-  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
-
-TEST_F(GridMapBaseDeathTest, MissingLevelWritesMapAtAndExitsWith255) {
-  GridMapLossy map;
-  loadSmallMap(&map, 5);
-  map.generateMatrixTalbe(4);
-  EXPECT_EXIT(map.matrixTable(2), ::testing::ExitedWithCode(255), "^map::at\n$");
-  const GridMapLossy empty;
-  EXPECT_EXIT(empty.matrixTable(0), ::testing::ExitedWithCode(255), "^map::at\n$");
 }
 
 }  // namespace

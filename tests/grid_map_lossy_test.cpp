@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/support/map_files.h"
@@ -56,9 +58,11 @@ TEST(GridMapLossyGoldenTest, EncodesTheExampleByteForByte) {
   GridMapLossy map;
   fillExampleMap(&map);
   EXPECT_EQ(map.getBodyBinarySize(), 22);
-  Bytes buf(83, '\x5a');
+  Bytes buf(84, '\x5a');  // one byte more: the record is exactly 22 bytes
   EXPECT_EQ(map.addHeaderBinary(buf.data()), 61);
   EXPECT_EQ(map.addBodyBinary(buf.data() + 61), 22);
+  EXPECT_EQ(buf.back(), '\x5a');
+  buf.pop_back();
   EXPECT_EQ(buf, exampleFileBytes());
 
   const std::string path = tempMapPath("example.zvmap");
@@ -107,7 +111,7 @@ TEST(GridMapLossyCodecTest, HeaderValuesSurviveBitForBit) {
   map.height_base_ = std::numeric_limits<float>::quiet_NaN();
   map.aux_value_base_ = -0.0f;
   const double refs[3] = {-1e300, std::numeric_limits<double>::denorm_min(),
-                          std::numeric_limits<double>::infinity()};
+                          std::numeric_limits<double>::signaling_NaN()};
   std::copy(refs, refs + 3, map.reference_);
   map.mutable_matrix().manualInit(0.3f, 5, 0, std::numeric_limits<int>::min(), -7);
   Bytes buf(61);
@@ -117,7 +121,7 @@ TEST(GridMapLossyCodecTest, HeaderValuesSurviveBitForBit) {
   EXPECT_EQ(back.header_tag_, map.header_tag_);
   EXPECT_EQ(bits(back.height_base_), bits(map.height_base_));
   EXPECT_EQ(bits(back.aux_value_base_), 0x80000000u);
-  for (int k = 0; k < 3; ++k) EXPECT_EQ(back.reference_[k], refs[k]);
+  EXPECT_EQ(std::memcmp(back.reference_, refs, sizeof refs), 0);
   const GridMatrix& b = back.matrix();
   EXPECT_EQ((Index{b.cols_, b.rows_, b.offset_x_, b.offset_y_}),
             (Index{5, 0, std::numeric_limits<int>::min(), -7}));
@@ -311,9 +315,8 @@ TEST(GridMapLossyReadTest, SecondLoadLeavesNoTraceOfTheFirst) {
 
 // A synthetic map of several load chunks: its cells lie on the quantisation
 // grid, so a save and load gives them back bit for bit, in prepared form,
-// whatever the team size, through a subclass (raw cells, then runPreCalc)
-// and through the silent load, which also gives the raw cells on request.
-TEST(GridMapLossyRoundTripTest, SyntheticMapComesBackExactlyForAnyTeamAndASubclass) {
+// whatever the team size; the silent load gives the same, or the raw cells.
+TEST(GridMapLossyRoundTripTest, SyntheticMapComesBackExactlyForAnyTeam) {
   testing::SyntheticMap synthetic = testing::makeSyntheticMap(300, 200, 5);
   GridMapLossy map;
   map.header_tag_ = 3;
@@ -327,31 +330,21 @@ TEST(GridMapLossyRoundTripTest, SyntheticMapComesBackExactlyForAnyTeamAndASubcla
   std::string out;
   ASSERT_TRUE(saveCapturing(map, path, &out));
   EXPECT_EQ(out, sizeLines(61 + 22 * cells, 61, 22 * cells));
-  EXPECT_EQ(readFileBytes(path).size(), 61u + 22 * cells);
   GridMatrix expected = synthetic.matrix;
   expected.runPreCalc();
-  class StepByStep : public GridMapLossy {};
-  for (int team : {1, 2, 3, 7}) {
+  for (int team : {1, 3, 7}) {
     SCOPED_TRACE(team);
     ScopedTeamSize scoped(team);
-    GridMapLossy back;
-    StepByStep sub;
+    GridMapLossy back, silent, raw;
     EXPECT_TRUE(readCapturing(back, path, &out));
     EXPECT_EQ(out, "");
     EXPECT_TRUE(sameMatrix(back.matrix(), expected));
-    EXPECT_TRUE(readCapturing(sub, path, &out));
-    EXPECT_TRUE(sameMatrix(sub.matrix(), expected));
-    // The silent load gives the same map, or the raw cells as written.
-    GridMapLossy silent, raw;
-    EXPECT_TRUE(capturing(&out, [&] { return silent.load(path).ok(); }));
-    EXPECT_TRUE(capturing(&out, [&] { return raw.load(path, /*prepare=*/false).ok(); }));
+    EXPECT_TRUE(capturing(&out, [&] { return silent.load(path).ok() && raw.load(path, /*prepare=*/false).ok(); }));
     EXPECT_EQ(out, "");
     EXPECT_TRUE(sameMatrix(silent.matrix(), expected));
     EXPECT_TRUE(sameMatrix(raw.matrix(), synthetic.matrix));
-    EXPECT_EQ(back.header_tag_, 3u);
-    EXPECT_EQ(bits(back.height_base_), bits(synthetic.height_base));
-    EXPECT_EQ(back.reference_[0], 4.5);
-    EXPECT_TRUE(std::isinf(back.reference_[1]));
+    EXPECT_EQ(std::make_tuple(back.header_tag_, bits(back.height_base_), back.reference_[0]),
+              std::make_tuple(3u, bits(synthetic.height_base), 4.5));
   }
 }
 

@@ -5,23 +5,22 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 #include <random>
+#include <tuple>
 #include <vector>
 
+#include "tests/support/map_bytes.h"
 #include "tests/support/team_size.h"
 
 namespace zorvane {
 namespace localization {
 namespace {
 
-std::uint32_t bits(float f) {
-  std::uint32_t u;
-  std::memcpy(&u, &f, sizeof u);
-  return u;
-}
+using testing::bits;
 
 MCell cellWith(float vs0, float vs1, float vw0, float vw1, float hs0, float hs1, float hw0,
                float hw1) {
@@ -51,81 +50,48 @@ GridMatrix matrixOf(const std::vector<MCell>& cells) {
   return m;
 }
 
+// grid_size_ is the 32-bit product, wrapping; nothing else changes.
 TEST(GridMatrixTest, ManualInitSetsGeometryOnlyAndWrapsTheProduct) {
-  GridMatrix m;
-  m.cells_.resize(2);
-  m.index_ = {1, -1, 0};
+  GridMatrix m = matrixOf({cellWith(2.f, 2.f, 1.f, 1.f, 1.f, 1.f, 1.f, 1.f)});
   m.precalculated_ = true;
   m.manualInit(0.2f, 3, 4, -1, 2);
-  EXPECT_EQ(m.resolution_, 0.2f);
-  EXPECT_EQ(m.grid_size_, 12u);
-  EXPECT_EQ(m.cols_, 3);
-  EXPECT_EQ(m.rows_, 4);
-  EXPECT_EQ(m.offset_x_, -1);
-  EXPECT_EQ(m.offset_y_, 2);
-  EXPECT_EQ(m.cells_.size(), 2u);
-  EXPECT_EQ(m.index_.size(), 3u);
-  EXPECT_TRUE(m.precalculated_);
-
-  m.manualInit(0.15f, 65536, 65536, 0, 0);
-  EXPECT_EQ(m.grid_size_, 0u);
-  m.manualInit(0.15f, -5, -3, 0, 0);
-  EXPECT_EQ(m.grid_size_, 15u);
-  m.manualInit(0.15f, -1, 1, 0, 0);
-  EXPECT_EQ(m.grid_size_, 0xffffffffu);
-  m.manualInit(0.15f, 7, 0, 0, 0);
-  EXPECT_EQ(m.grid_size_, 0u);
+  EXPECT_EQ(std::make_tuple(m.resolution_, m.grid_size_, m.cols_, m.rows_, m.offset_x_, m.offset_y_),
+            std::make_tuple(0.2f, 12u, 3, 4, -1, 2));
+  EXPECT_TRUE(m.cells_.size() == 1 && m.index_.size() == 1 && m.precalculated_);
+  const std::tuple<int, int, std::uint32_t> products[] = {
+      {65536, 65536, 0u}, {-5, -3, 15u}, {-1, 1, 0xffffffffu}, {7, 0, 0u}};
+  for (const auto& [cols, rows, size] : products) {
+    m.manualInit(0.15f, cols, rows, 0, 0);
+    EXPECT_EQ(m.grid_size_, size) << cols << " x " << rows;
+  }
 }
 
-TEST(PreCalcTest, PreparesAWorkedCellAndLeavesMeansAlone) {
-  GridMatrix m = matrixOf({cellWith(2.f, 4.f, 0.5f, 0.5f, 0.5f, 0.25f, 0.25f, 0.75f)});
-  m.runPreCalc();
-  ASSERT_TRUE(m.precalculated_);
-  const MCell& c = m.cells_[0];
-  EXPECT_EQ(c.value_sigma[0], 8.f);
-  EXPECT_EQ(c.value_sigma[1], 32.f);
-  EXPECT_EQ(c.value_weight[0], 0.25f);
-  EXPECT_EQ(c.value_weight[1], 0.125f);
-  EXPECT_EQ(c.height_sigma[0], 0.5f);
-  EXPECT_EQ(c.height_sigma[1], 0.125f);
-  EXPECT_EQ(c.height_weight[0], 0.5f);
-  EXPECT_EQ(c.height_weight[1], 3.f);
-  EXPECT_EQ(c.value_mean[0], 17.f);
-  EXPECT_EQ(c.value_mean[1], 250.f);
-  EXPECT_EQ(c.height_mean[0], -1.25f);
-  EXPECT_EQ(c.height_mean[1], 3.5f);
-  EXPECT_EQ(c.aux_value, 0.75f);
-
-  // A second call must not prepare the prepared numbers again.
-  m.runPreCalc();
-  EXPECT_EQ(m.cells_[0].value_sigma[0], 8.f);
-  EXPECT_EQ(m.cells_[0].height_weight[1], 3.f);
-}
-
-TEST(PreCalcTest, NeedsBothCellsAndIndex) {
-  GridMatrix m = matrixOf({cellWith(2.f, 2.f, 1.f, 1.f, 1.f, 1.f, 1.f, 1.f)});
+// Sigmas become 2 s^2 and weights w / s; means and aux_value stay; a second
+// call changes nothing; without cells or without an index nothing happens;
+// a zero sigma gives an infinite or NaN weight.
+TEST(PreCalcTest, PreparesOnceAndOnlyAMatrixWithCellsAndIndex) {
+  GridMatrix m = matrixOf({cellWith(2.f, 4.f, 0.5f, 0.5f, 0.5f, 0.25f, 0.25f, 0.75f),
+                           cellWith(0.f, 0.f, 0.5f, 0.f, 1.f, 1.f, 1.f, 1.f)});
+  MCell want = cellWith(8.f, 32.f, 0.25f, 0.125f, 0.5f, 0.125f, 0.5f, 3.f);
+  const std::vector<int> index(m.index_.begin(), m.index_.end());
   m.index_.clear();
   m.runPreCalc();
   EXPECT_FALSE(m.precalculated_);
   EXPECT_EQ(m.cells_[0].value_sigma[0], 2.f);
-
   GridMatrix no_cells;
   no_cells.index_ = {-1, -1};
   no_cells.runPreCalc();
   EXPECT_FALSE(no_cells.precalculated_);
 
-  m.index_ = {0};
-  m.runPreCalc();
-  EXPECT_TRUE(m.precalculated_);
-  EXPECT_EQ(m.cells_[0].value_sigma[0], 8.f);
-}
-
-TEST(PreCalcTest, ZeroSigmaGivesInfiniteOrNanWeight) {
-  GridMatrix m = matrixOf({cellWith(0.f, 0.f, 0.5f, 0.f, 1.f, 1.f, 1.f, 1.f)});
-  m.runPreCalc();
-  EXPECT_EQ(m.cells_[0].value_sigma[0], 0.f);
-  EXPECT_TRUE(std::isinf(m.cells_[0].value_weight[0]));
-  EXPECT_TRUE(std::isnan(m.cells_[0].value_weight[1]));
+  m.index_.assign(index.begin(), index.end());
+  for (int round = 0; round < 2; ++round) {
+    m.runPreCalc();
+    ASSERT_TRUE(m.precalculated_);
+    EXPECT_EQ(std::memcmp(&m.cells_[0], &want, offsetof(MCell, unused_)), 0) << "round " << round;
+  }
+  EXPECT_EQ(m.cells_[1].value_sigma[0], 0.f);
+  EXPECT_TRUE(std::isinf(m.cells_[1].value_weight[0]));
+  EXPECT_TRUE(std::isnan(m.cells_[1].value_weight[1]));
 }
 
 // The split must not change a bit: every team size, wherever the ranges
@@ -154,47 +120,41 @@ TEST(PreCalcTest, EveryTeamSizeGivesTheOneThreadBits) {
   }
 }
 
-TEST(PreCheckTest, FlagsSpreadsWhoseSquareIsNotFinite) {
-  const float nan = std::numeric_limits<float>::quiet_NaN();
-  const float inf = std::numeric_limits<float>::infinity();
-  auto fails = [](float vs0, float vs1, float hs0, float hs1) {
-    MCell c = cellWith(vs0, vs1, 1.f, 1.f, hs0, hs1, 1.f, 1.f);
-    const MCell before = c;
-    const bool result = GridMatrix::runPreCheck(c);
-    EXPECT_EQ(0, std::memcmp(&c, &before, sizeof c));
-    return result;
-  };
-  EXPECT_FALSE(fails(1.f, 2.f, 0.1f, 0.2f));
-  EXPECT_FALSE(fails(-3.f, 1e19f, -1e19f, 0.f));
-  EXPECT_TRUE(fails(2e19f, 1.f, 1.f, 1.f));
-  EXPECT_TRUE(fails(1.f, nan, 1.f, 1.f));
-  EXPECT_TRUE(fails(1.f, 1.f, -inf, 1.f));
-  EXPECT_TRUE(fails(1.f, 1.f, 1.f, -2e19f));  // the last field is visited too
-}
-
-TEST(PreCheckTest, SmallRaisesEveryFieldBelowTheMinimum) {
+// runPreCheck flags a sigma whose square is not finite and changes
+// nothing; runPreCheckSmall raises every sigma below the double 0.005 to
+// 0.005f, which lies below it, so that 0.005f is raised again (to itself).
+TEST(PreCheckTest, FlagsNonFiniteSquaresAndRaisesSmallSpreads) {
+  const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
   const float kRaised = 0.005f;
-  MCell c = cellWith(0.001f, 0.01f, 1.f, 1.f, 0.f, 0.2f, 1.f, 1.f);
-  EXPECT_TRUE(GridMatrix::runPreCheckSmall(c));
-  EXPECT_EQ(bits(c.value_sigma[0]), 0x3ba3d70au);
-  EXPECT_EQ(c.value_sigma[1], 0.01f);
-  EXPECT_EQ(c.height_sigma[0], kRaised);
-  EXPECT_EQ(c.height_sigma[1], 0.2f);
-
-  MCell fine = cellWith(0.01f, 0.01f, 1.f, 1.f, 0.01f, 0.01f, 1.f, 1.f);
-  const MCell before = fine;
-  EXPECT_FALSE(GridMatrix::runPreCheckSmall(fine));
-  EXPECT_EQ(0, std::memcmp(&fine, &before, sizeof fine));
-
-  // 0.005f lies below the double 0.005, so it is raised again (to itself).
-  MCell at_minimum = cellWith(0.01f, 0.01f, 1.f, 1.f, 0.01f, kRaised, 1.f, 1.f);
-  EXPECT_TRUE(GridMatrix::runPreCheckSmall(at_minimum));
-  EXPECT_EQ(at_minimum.height_sigma[1], kRaised);
-
-  MCell with_nan = cellWith(std::nanf(""), 0.01f, 1.f, 1.f, -1.f, 0.01f, 1.f, 1.f);
-  EXPECT_TRUE(GridMatrix::runPreCheckSmall(with_nan));
-  EXPECT_TRUE(std::isnan(with_nan.value_sigma[0]));
-  EXPECT_EQ(with_nan.height_sigma[0], kRaised);
+  struct Case {
+    float sigmas[4];  // value_sigma[0..1], height_sigma[0..1]
+    bool not_finite, small;
+    float after[4];
+  };
+  const Case cases[] = {
+      {{1.f, 2.f, 0.1f, 0.2f}, false, false, {1.f, 2.f, 0.1f, 0.2f}},
+      {{-3.f, 1e19f, -1e19f, 0.01f}, false, true, {kRaised, 1e19f, kRaised, 0.01f}},
+      {{2e19f, 1.f, 1.f, 1.f}, true, false, {2e19f, 1.f, 1.f, 1.f}},
+      {{1.f, nan, 1.f, 1.f}, true, false, {1.f, nan, 1.f, 1.f}},
+      {{nan, 0.01f, -1.f, 0.01f}, true, true, {nan, 0.01f, kRaised, 0.01f}},
+      {{1.f, 1.f, -inf, 1.f}, true, true, {1.f, 1.f, kRaised, 1.f}},
+      {{1.f, 1.f, 1.f, -2e19f}, true, true, {1.f, 1.f, 1.f, kRaised}},  // the last field is visited too
+      {{0.001f, 0.01f, 0.f, 0.2f}, false, true, {kRaised, 0.01f, kRaised, 0.2f}},
+      {{0.01f, 0.01f, 0.01f, kRaised}, false, true, {0.01f, 0.01f, 0.01f, kRaised}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(std::vector<float>(c.sigmas, c.sigmas + 4)));
+    MCell cell = cellWith(c.sigmas[0], c.sigmas[1], 1.f, 1.f, c.sigmas[2], c.sigmas[3], 1.f, 1.f);
+    const MCell before = cell;
+    EXPECT_EQ(GridMatrix::runPreCheck(cell), c.not_finite);
+    EXPECT_EQ(0, std::memcmp(&cell, &before, sizeof cell));
+    EXPECT_EQ(GridMatrix::runPreCheckSmall(cell), c.small);
+    const float got[4] = {cell.value_sigma[0], cell.value_sigma[1], cell.height_sigma[0], cell.height_sigma[1]};
+    for (int k = 0; k < 4; ++k) {
+      EXPECT_TRUE(bits(got[k]) == bits(c.after[k]) || (std::isnan(got[k]) && std::isnan(c.after[k]))) << k;
+    }
+  }
+  EXPECT_EQ(bits(kRaised), 0x3ba3d70au);
 }
 
 }  // namespace

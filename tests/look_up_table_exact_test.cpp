@@ -62,14 +62,4 @@ TEST(LookUpTableExact, RoundToBinEqualsLibraryRound) {
   }
 }
 
-TEST(LookUpTableExact, FirstFieldKeepsTheLow16BitsOfTheFirstBin) {
-  const std::vector<std::tuple<std::int64_t, std::uint16_t>> cases = {
-      {0, 0x0000},     {96, 0x0060},    {255, 0x00FF},  {-3, 0xFFFD},     {10000, 0x2710},      {-10000, 0xD8F0},
-      {65535, 0xFFFF}, {65536, 0x0000}, {kMin, 0x0000}, {-65537, 0xFFFF}, {kMax - 127, 0xFF80},
-  };
-  for (const auto& [first, want] : cases) {
-    EXPECT_EQ(static_cast<std::uint16_t>(firstField(first)), want) << first;
-  }
-}
-
 }  // namespace

@@ -4,46 +4,40 @@
 #include "localization/look_up_table.h"
 
 #include <gtest/gtest.h>
-#include <omp.h>
 
 #include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <random>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "localization/look_up_table_exact.h"
 #include "localization/look_up_table_histogram.h"
 #include "tests/support/plain_look_up_table.h"
 #include "tests/support/synthetic_map.h"
+#include "tests/support/team_size.h"
 
 namespace {
 
 using namespace zorvane::localization;
 using zorvane::testing::plainLookUpTable;
 using zorvane::testing::makeSyntheticMap;
+using lut::bitsOf;
 
 const float kInf = std::numeric_limits<float>::infinity();
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-std::uint32_t bits(float v) {
-  std::uint32_t b = 0;
-  std::memcpy(&b, &v, sizeof b);
-  return b;
-}
-
 // Runs fn with the default OpenMP team set to `threads`.
 template <class Fn>
 auto withThreads(int threads, Fn&& fn) {
-  const int saved = omp_get_max_threads();
-  omp_set_num_threads(threads);
-  auto result = fn();
-  omp_set_num_threads(saved);
-  return result;
+  zorvane::testing::ScopedTeamSize team(threads);
+  return fn();
 }
 
 // Every field, every record and every float of both sequences, as bits
@@ -51,8 +45,8 @@ auto withThreads(int threads, Fn&& fn) {
 ::testing::AssertionResult sameTable(const GridMatrixTable& a, const GridMatrixTable& b) {
   const auto fail = [](const std::string& what) { return ::testing::AssertionFailure() << what; };
   const auto fields = [](const GridMatrixTable& t) {
-    return std::make_tuple(bits(t.resolution_), t.grid_size_, t.cols_, t.rows_, t.offset_x_, t.offset_y_,
-                           bits(t.height_step_), bits(t.value_step_), bits(t.prob_scale_), bits(t.prob_floor_));
+    return std::make_tuple(bitsOf(t.resolution_), t.grid_size_, t.cols_, t.rows_, t.offset_x_, t.offset_y_,
+                           bitsOf(t.height_step_), bitsOf(t.value_step_), bitsOf(t.prob_scale_), bitsOf(t.prob_floor_));
   };
   if (fields(a) != fields(b)) return fail("geometry, steps or probabilities");
   if (a.coarse_cells_.size() != b.coarse_cells_.size()) return fail("number of records");
@@ -64,19 +58,11 @@ auto withThreads(int threads, Fn&& fn) {
                                    std::make_tuple("height_table_", &a.height_table_, &b.height_table_)}) {
     if (x->size() != y->size()) return fail(std::string(name) + " size");
     for (std::size_t k = 0; k < x->size(); ++k) {
-      if (!(std::isnan((*x)[k]) && std::isnan((*y)[k])) && bits((*x)[k]) != bits((*y)[k]))
+      if (!(std::isnan((*x)[k]) && std::isnan((*y)[k])) && bitsOf((*x)[k]) != bitsOf((*y)[k]))
         return fail(std::string(name) + "[" + std::to_string(k) + "]");
     }
   }
   return ::testing::AssertionSuccess();
-}
-
-// Builds the table and expects it to equal the plain builder's.
-GridMatrixTable checked(const GridMatrix& m, int factor, float height_step = 0.15f, float value_step = 1.0f) {
-  GridMatrixTable t = m.getLookUpTable(factor, height_step, value_step);
-  EXPECT_TRUE(sameTable(t, plainLookUpTable(m, factor, height_step, value_step)))
-      << "factor " << factor << ", steps " << height_step << "/" << value_step;
-  return t;
 }
 
 // A matrix with the given geometry, every position empty.
@@ -105,73 +91,11 @@ MCell preparedCell(float value_mean, float value_sigma, float height_mean, float
   return c;
 }
 
-// ---------------------------------------------------------------------------
-// Worked cases.
-
 TEST(LookUpTable, UnpreparedMatrixGivesTheEmptyTable) {
-  auto map = makeSyntheticMap(40, 30, 3);
+  const auto map = makeSyntheticMap(40, 30, 3);
   for (int factor : {4, 0, -2}) {
-    const GridMatrixTable t = map.matrix.getLookUpTable(factor, 0.15f, 1.0f);
-    EXPECT_TRUE(sameTable(t, GridMatrixTable()));
-    EXPECT_EQ(std::make_tuple(bits(t.resolution_), bits(t.prob_scale_), bits(t.prob_floor_), t.value_step_, t.height_step_),
-              std::make_tuple(0x3e19999au, 0x3f666666u, 0x3a83126fu, 0.f, 0.f));
+    EXPECT_TRUE(sameTable(map.matrix.getLookUpTable(factor, 0.15f, 1.0f), GridMatrixTable()));
   }
-}
-
-TEST(LookUpTable, GeometryAndBlockCoverage) {
-  GridMatrix m = emptyMatrix(10, 7, 5, -3);
-  m.precalculated_ = true;
-  const GridMatrixTable t = m.getLookUpTable(4, 0.15f, 1.0f);
-  EXPECT_EQ(std::make_tuple(t.cols_, t.rows_, t.grid_size_, t.offset_x_, t.offset_y_),
-            std::make_tuple(3, 2, 6u, 1, -1));
-  EXPECT_EQ(bits(t.resolution_), bits(0.15f * 4.0f));
-  EXPECT_EQ(t.coarse_cells_.size(), 6u);
-  EXPECT_TRUE(t.value_table_.empty());
-
-  // A lone cell at each grid position shows which coarse position covers it:
-  // (0, 0) covers columns 1-4 and rows 1-4; (2, 1) covers column 9, rows 5-6;
-  // column 0 and row 0 belong to coarse positions outside the table.
-  for (int x = 0; x < 10; ++x) {
-    for (int y = 0; y < 7; ++y) {
-      GridMatrix one = emptyMatrix(10, 7, 5, -3);
-      putCell(one, x, y, preparedCell(100.f, 2.f, 1.f, 0.5f));
-      const GridMatrixTable lone = one.getLookUpTable(4, 0.15f, 1.0f);
-      const int expected = x >= 1 && y >= 1 ? (y - 1) / 4 * 3 + (x - 1) / 4 : -1;
-      for (int p = 0; p < 6; ++p) {
-        const MCellCoarse& r = lone.coarse_cells_[p];
-        EXPECT_EQ(std::make_pair(r.value_bins != 0, r.height_bins != 0), std::make_pair(p == expected, p == expected))
-            << x << "," << y << " p " << p;
-      }
-    }
-  }
-}
-
-TEST(LookUpTable, BinRangesOfSingleCells) {
-  GridMatrix m = emptyMatrix(3, 3);
-  putCell(m, 1, 1, preparedCell(100.f, 2.f, -0.2f, 0.05f));
-  const GridMatrixTable t = m.getLookUpTable(4, 0.15f, 1.0f);
-  ASSERT_EQ(t.grid_size_, 1u);
-  const MCellCoarse& r = t.coarse_cells_[0];
-  // Height: round((-0.2 -/+ 0.1) / 0.15) = -2 .. -1.
-  EXPECT_EQ(std::make_tuple(r.value_first, r.value_bins, r.height_first, r.height_bins),
-            std::make_tuple(96, 9, -2, 2));
-  EXPECT_EQ(t.value_table_.size(), 9u);
-  EXPECT_EQ(t.height_table_.size(), 2u);
-  // Symmetric around the mean, peak at bin 100.
-  EXPECT_EQ(bits(t.value_table_[0]), bits(t.value_table_[8]));
-  EXPECT_GT(t.value_table_[4], t.value_table_[3]);
-
-  // Value bins never go below 0; a height range straddling 0 keeps the low
-  // 16 bits of its negative first bin.
-  GridMatrix low = emptyMatrix(1, 1);
-  putCell(low, 0, 0, preparedCell(2.f, 3.f, 0.f, 0.2f));
-  const MCellCoarse lr = low.getLookUpTable(1, 0.15f, 1.0f).coarse_cells_[0];
-  EXPECT_EQ(lr.value_first, 0);
-  EXPECT_EQ(lr.value_bins, 9);  // bins 0 .. round(2 + 6)
-  std::uint16_t raw = 0;
-  std::memcpy(&raw, &lr.height_first, sizeof raw);
-  EXPECT_EQ(raw, 0xFFFDu);  // round(-0.4 / 0.15) = -3
-  EXPECT_EQ(lr.height_bins, 7);
 }
 
 // ---------------------------------------------------------------------------
@@ -305,25 +229,18 @@ TEST(LookUpTableExtent, MeasuredCountsEqualTheBuiltTable) {
   for (std::size_t i = 0; i < cases.size(); ++i) {
     const Case& c = cases[i];
     const GridMatrixTable t = c.matrix.getLookUpTable(c.factor, c.height_step, c.value_step);
-    std::uint64_t work = 0;
-    for (std::int64_t j = 0; j < t.rows_ && t.grid_size_ > 0; ++j) {
-      for (std::int64_t x = 0; x < t.cols_; ++x) {
-        const MCellCoarse& r = t.coarse_cells_[static_cast<std::size_t>(j * t.cols_ + x)];
-        // Cells of the block: grid positions of this coarse position.
-        std::uint64_t cells = 0;
-        for (std::int64_t a = 0; a < c.factor; ++a) {
-          for (std::int64_t b = 0; b < c.factor; ++b) {
-            const std::int64_t gx = (x - t.offset_x_) * c.factor + c.matrix.offset_x_ + a;
-            const std::int64_t gy = (j - t.offset_y_) * c.factor + c.matrix.offset_y_ + b;
-            if (gx < 0 || gy < 0 || gx >= c.matrix.cols_ || gy >= c.matrix.rows_) continue;
-            const std::size_t flat = static_cast<std::size_t>(gy * c.matrix.cols_ + gx);
-            if (flat < c.matrix.index_.size() && c.matrix.index_[flat] >= 0 &&
-                static_cast<std::size_t>(c.matrix.index_[flat]) < c.matrix.cells_.size())
-              ++cells;
-          }
-        }
-        work += (static_cast<std::uint64_t>(r.value_bins) + r.height_bins) * cells;
-      }
+    std::uint64_t work = 0;  // bins of each record times the cells of its block
+    for (std::int64_t p = 0; p < static_cast<std::int64_t>(c.matrix.index_.size()); ++p) {
+      const std::int32_t e = c.matrix.index_[static_cast<std::size_t>(p)];
+      if (e < 0 || static_cast<std::size_t>(e) >= c.matrix.cells_.size() || t.grid_size_ == 0) continue;
+      const auto block = [&](std::int64_t v, int offset, std::int64_t table_offset) {
+        return static_cast<std::int64_t>(std::floor(static_cast<double>(v - offset) / c.factor)) + table_offset;
+      };
+      const std::int64_t x = block(p % c.matrix.cols_, c.matrix.offset_x_, t.offset_x_);
+      const std::int64_t y = block(p / c.matrix.cols_, c.matrix.offset_y_, t.offset_y_);
+      if (x < 0 || y < 0 || x >= t.cols_ || y >= t.rows_) continue;
+      const MCellCoarse& r = t.coarse_cells_[static_cast<std::size_t>(y * t.cols_ + x)];
+      work += static_cast<std::uint64_t>(r.value_bins) + r.height_bins;
     }
     for (int threads : {1, 3}) {
       const LookUpTableExtent e =
@@ -369,100 +286,135 @@ TEST(LookUpTableExtent, MeasuredCountsEqualTheBuiltTable) {
 
 // ---------------------------------------------------------------------------
 // Our decisions where the arithmetic leaves a choice, and inputs outside the
-// preconditions. Each must be bounded, defined and, where the plain builder
-// can follow, identical to it.
+// preconditions: bounded, defined and, on any thread count, the plain
+// builder's table; each row also checks the decision itself.
 
-TEST(LookUpTableEdges, WideHeightRangesAreClippedTo65535Bins) {
-  // Raw height sigma 655.35 (the file's largest): prepared 2 s^2, a range of
-  // millions of bins.
-  GridMatrix m = emptyMatrix(2, 1);
-  const float wide = 2.f * 655.35f * 655.35f;
-  putCell(m, 0, 0, preparedCell(10.f, 4.f, 12.f, wide));
-  putCell(m, 1, 0, preparedCell(20.f, 4.f, 3.f, 0.02f));
-  const GridMatrixTable t = checked(m, 2);
-  ASSERT_EQ(t.grid_size_, 1u);
-  EXPECT_EQ(t.coarse_cells_[0].height_bins, 65535);
-  EXPECT_EQ(t.height_table_.size(), 65535u);
-  const float low = std::round((12.f - (wide + wide)) / 0.15f);
-  EXPECT_EQ(t.coarse_cells_[0].height_first, static_cast<std::int16_t>(static_cast<std::int64_t>(low) & 0xFFFF));
-
-  // Far above the sentinel the range starts at bin 10000 and is clipped
-  // there (nothing of the cell's mass falls in the stored bins). Far below,
-  // it runs from the cell's bin (beyond 2^24 in magnitude) up to the -10000
-  // sentinel, keeps its first 65535 bins and the low 16 bits of the first.
-  // The +inf height of a map saved with the default origin saturates, is
-  // clipped likewise, and with all its mass 0 stores the floor.
-  const auto deep = static_cast<std::int64_t>(std::round(-2600000.5f / 0.15f));
-  for (const auto& [height, first] : {std::make_pair(30000.f, std::int16_t{10000}),
-                                      std::make_pair(-2600000.5f, static_cast<std::int16_t>(deep & 0xFFFF)),
-                                      std::make_pair(kInf, std::int16_t{10000})}) {
-    SCOPED_TRACE(height);
-    GridMatrix far = emptyMatrix(1, 1);
-    putCell(far, 0, 0, preparedCell(10.f, 4.f, height, height == -2600000.5f ? 0.f : 0.5f));
-    const GridMatrixTable ft = checked(far, 1);
-    EXPECT_EQ(ft.coarse_cells_[0].height_first, first);
-    EXPECT_EQ(ft.coarse_cells_[0].height_bins, 65535);
-    if (height == kInf) {
-      EXPECT_EQ(bits(ft.height_table_[123]), bits(std::log(0.001f)));
-    }
-  }
-}
-
-TEST(LookUpTableEdges, AllMassUnderflowingStoresTheFloor) {
-  // A spread far narrower than a bin, mean half-way between two bins: every
-  // bin's exponential underflows to 0, and 0 / 0 is replaced by the floor.
+GridMatrix oneCell(const MCell& cell) {
   GridMatrix m = emptyMatrix(1, 1);
-  putCell(m, 0, 0, preparedCell(100.f, 2.f, 0.075f, 2e-6f));
-  const GridMatrixTable t = checked(m, 1);
-  ASSERT_EQ(t.coarse_cells_[0].height_bins, 2);
-  for (float v : t.height_table_) EXPECT_EQ(bits(v), bits(std::log(0.001f)));
+  putCell(m, 0, 0, cell);
+  return m;
 }
 
-TEST(LookUpTableEdges, NonFiniteCellsAndZeroSpreadsFollowThePlainArithmetic) {
-  GridMatrix m = emptyMatrix(4, 3, -1, 2);
-  putCell(m, 0, 0, preparedCell(30.f, 4.f, kInf, 0.5f));
+TEST(LookUpTableEdges, OddMatricesMatchThePlainBuilderAndStayBounded) {
+  using Check = std::function<void(const GridMatrixTable&)>;
+  const float log_floor = std::log(0.001f);
+  const auto every = [](const auto& v, auto pred) {
+    return !v.empty() && std::all_of(v.begin(), v.end(), pred);
+  };
+  const auto firstHeight = [](std::int16_t first) {
+    return [first](const GridMatrixTable& t) {
+      EXPECT_EQ(t.coarse_cells_[0].height_first, first);
+      EXPECT_EQ(t.coarse_cells_[0].height_bins, 65535);
+    };
+  };
+  // Raw height sigma 655.35 (the file's largest): a range of millions of
+  // bins, clipped to 65535 keeping the low 16 bits of its first bin.
+  const float wide = 2.f * 655.35f * 655.35f;
+  GridMatrix clipped = emptyMatrix(2, 1);
+  putCell(clipped, 0, 0, preparedCell(10.f, 4.f, 12.f, wide));
+  putCell(clipped, 1, 0, preparedCell(20.f, 4.f, 3.f, 0.02f));
+  const auto low = static_cast<std::int64_t>(std::round((12.f - (wide + wide)) / 0.15f));
+  const auto deep = static_cast<std::int64_t>(std::round(-2600000.5f / 0.15f));
+
+  GridMatrix non_finite = emptyMatrix(4, 3, -1, 2);
+  putCell(non_finite, 0, 0, preparedCell(30.f, 4.f, kInf, 0.5f));
   MCell mixed = preparedCell(40.f, 4.f, 1.f, 0.5f);
   mixed.height_mean[1] = -kInf;
   mixed.value_mean[1] = kNaN;
-  putCell(m, 1, 1, mixed);
+  putCell(non_finite, 1, 1, mixed);
   MCell odd = preparedCell(40.f, kInf, 2.f, kNaN);
   odd.value_weight[0] = kInf;
-  putCell(m, 3, 2, odd);
-  const GridMatrixTable plain = plainLookUpTable(m, 2, 0.15f, 1.0f);
+  putCell(non_finite, 3, 2, odd);
 
-  // Raw sigma 0: prepared sigma 0 and an infinite weight; every value bin NaN.
-  GridMatrix zero = emptyMatrix(1, 1);
-  MCell raw = preparedCell(80.f, 2.f, 0.f, 0.1f);  // raw numbers, prepared below
+  // Raw sigma 0: prepared sigma 0 and an infinite weight.
+  MCell raw = preparedCell(80.f, 2.f, 0.f, 0.1f);
   raw.value_sigma[0] = 0.f;
-  putCell(zero, 0, 0, raw);
-  zero.precalculated_ = false;
-  zero.runPreCalc();
+  GridMatrix zero_sigma = oneCell(raw);
+  zero_sigma.precalculated_ = false;
+  zero_sigma.runPreCalc();
 
-  for (int threads : {1, 3}) {
-    const GridMatrixTable t = withThreads(threads, [&] { return m.getLookUpTable(2, 0.15f, 1.0f); });
-    EXPECT_TRUE(sameTable(t, plain));
-    for (const MCellCoarse& r : t.coarse_cells_) EXPECT_LE(r.height_bins, 65535);
+  GridMatrix small = emptyMatrix(6, 5);
+  putCell(small, 2, 3, preparedCell(60.f, 4.f, 1.f, 0.3f));
+  putCell(small, 5, 0, preparedCell(90.f, 6.f, 4.f, 0.2f));
+  const Check no_bins = [](const GridMatrixTable& t) {
+    EXPECT_TRUE(t.value_table_.empty() && t.height_table_.empty());
+  };
+
+  // Index entries that name no cell, and a short index, are empty positions.
+  const Case r = randomCase(77);
+  ASSERT_GT(r.matrix.cells_.size(), 10u);
+  GridMatrix broken = r.matrix, cleaned = r.matrix;
+  const std::int32_t n = static_cast<std::int32_t>(r.matrix.cells_.size());
+  const std::int32_t bad[] = {n, n + 5, INT32_MAX, -2, INT32_MIN};
+  for (std::size_t p = 0; p < broken.index_.size(); p += 3) {
+    broken.index_[p] = bad[p / 3 % 5];
+    cleaned.index_[p] = -1;
   }
-  const GridMatrixTable z = checked(zero, 1);
-  ASSERT_GT(z.value_table_.size(), 0u);
-  for (float v : z.value_table_) EXPECT_TRUE(std::isnan(v));
+  broken.index_.resize(broken.index_.size() / 2);
+  std::fill(cleaned.index_.begin() + static_cast<std::ptrdiff_t>(broken.index_.size()), cleaned.index_.end(), -1);
+
+  struct Edge {
+    std::string what;
+    GridMatrix m;
+    int factor;
+    float height_step = 0.15f, value_step = 1.0f;
+    Check check = [](const GridMatrixTable&) {};
+  };
+  std::vector<Edge> edges = {
+      {"wide height range", clipped, 2, 0.15f, 1.0f, firstHeight(static_cast<std::int16_t>(low & 0xFFFF))},
+      // Far above the sentinel the range starts at bin 10000; far below it
+      // runs from the cell's bin (beyond 2^24) up to the -10000 sentinel.
+      {"far above", oneCell(preparedCell(10.f, 4.f, 30000.f, 0.5f)), 1, 0.15f, 1.0f, firstHeight(10000)},
+      {"far below", oneCell(preparedCell(10.f, 4.f, -2600000.5f, 0.f)), 1, 0.15f, 1.0f,
+       firstHeight(static_cast<std::int16_t>(deep & 0xFFFF))},
+      // The +inf height of a map saved with the default origin: clipped, and
+      // with all its mass 0 it stores the floor.
+      {"infinite height", oneCell(preparedCell(10.f, 4.f, kInf, 0.5f)), 1, 0.15f, 1.0f,
+       [&](const GridMatrixTable& t) {
+         firstHeight(10000)(t);
+         EXPECT_EQ(bitsOf(t.height_table_[123]), bitsOf(log_floor));
+       }},
+      // A spread far narrower than a bin, mean half-way between two bins:
+      // every exponential underflows, and 0 / 0 is replaced by the floor.
+      {"all mass underflowing", oneCell(preparedCell(100.f, 2.f, 0.075f, 2e-6f)), 1, 0.15f, 1.0f,
+       [&](const GridMatrixTable& t) {
+         EXPECT_TRUE(every(t.height_table_, [&](float v) { return bitsOf(v) == bitsOf(log_floor); }));
+       }},
+      {"non-finite cells", non_finite, 2},
+      {"zero sigma", zero_sigma, 1, 0.15f, 1.0f,
+       [&](const GridMatrixTable& t) { EXPECT_TRUE(every(t.value_table_, [](float v) { return std::isnan(v); })); }},
+      {"factor 0", small, 0, 0.15f, 1.0f, no_bins},
+      {"factor -1", small, -1, 0.15f, 1.0f, no_bins},
+      {"broken index", broken, r.factor, r.height_step, r.value_step,
+       [&](const GridMatrixTable& t) {
+         EXPECT_TRUE(sameTable(t, cleaned.getLookUpTable(r.factor, r.height_step, r.value_step)));
+       }},
+  };
+  for (float step : {0.f, -0.15f, kNaN, kInf, 1e-30f}) {
+    edges.push_back({"step " + std::to_string(step), small, 3, step, step});
+  }
+  // Offsets at the ends of the int32 range: block origins need 64 bits.
+  for (int offset : {INT_MIN, INT_MAX, INT_MIN + 3}) {
+    GridMatrix m = emptyMatrix(9, 5, offset, offset);
+    putCell(m, 0, 0, preparedCell(60.f, 4.f, 1.f, 0.3f));
+    putCell(m, 8, 4, preparedCell(60.f, 4.f, 1.f, 0.3f));
+    edges.push_back({"offset " + std::to_string(offset), m, 4});
+  }
+  for (const Edge& e : edges) {
+    SCOPED_TRACE(e.what);
+    const GridMatrixTable plain = plainLookUpTable(e.m, e.factor, e.height_step, e.value_step);
+    for (int threads : {1, 3}) {
+      const GridMatrixTable t =
+          withThreads(threads, [&] { return e.m.getLookUpTable(e.factor, e.height_step, e.value_step); });
+      EXPECT_TRUE(sameTable(t, plain)) << threads << " threads";
+      for (const MCellCoarse& c : t.coarse_cells_) EXPECT_TRUE(c.value_bins <= 256 && c.height_bins <= 65535);
+    }
+    e.check(plain);
+  }
 }
 
 TEST(LookUpTableEdges, ExtremeGeometryDoesNotOverflowOrAllocateWildly) {
   const MCell cell = preparedCell(60.f, 4.f, 1.f, 0.3f);
-  // Offsets at the ends of the int32 range: block origins need 64 bits.
-  for (int offset : {INT_MIN, INT_MAX, INT_MIN + 3}) {
-    GridMatrix m = emptyMatrix(9, 5, offset, offset);
-    putCell(m, 0, 0, cell);
-    putCell(m, 8, 4, cell);
-    checked(m, 4);
-  }
-  GridMatrix m = emptyMatrix(9, 5, INT_MIN, 0);
-  putCell(m, 0, 0, cell);
-  const GridMatrixTable t = m.getLookUpTable(4, 0.15f, 1.0f);
-  EXPECT_EQ(t.offset_x_, INT_MIN / 4);
-  EXPECT_GT(t.coarse_cells_[0].value_bins, 0);
-
   // Both extents negative: the 32-bit product would be a huge positive grid.
   GridMatrix negative;
   negative.manualInit(0.15f, -40000, -40000, 0, 0);
@@ -470,57 +422,22 @@ TEST(LookUpTableEdges, ExtremeGeometryDoesNotOverflowOrAllocateWildly) {
   negative.index_.assign(4, 0);
   negative.precalculated_ = true;
   const GridMatrixTable nt = negative.getLookUpTable(1, 0.15f, 1.0f);
-  EXPECT_EQ(nt.grid_size_, 0u);
-  EXPECT_TRUE(nt.coarse_cells_.empty());
-  EXPECT_EQ(nt.cols_, -40000);
+  EXPECT_EQ(std::make_tuple(nt.grid_size_, nt.coarse_cells_.size(), nt.cols_),
+            std::make_tuple(0u, std::size_t{0}, -40000));
 
-  // Factors below 1 store no bins; a huge factor visits only the matrix.
+  // The most negative factor stores no bins; the largest visits only the
+  // matrix, in one block.
   GridMatrix small = emptyMatrix(6, 5);
   putCell(small, 2, 3, cell);
   putCell(small, 5, 0, preparedCell(90.f, 6.f, 4.f, 0.2f));
-  for (int factor : {0, -1, -7, INT_MIN}) {
-    const GridMatrixTable ft = factor >= -1 ? checked(small, factor) : small.getLookUpTable(factor, 0.15f, 1.0f);
-    EXPECT_TRUE(ft.value_table_.empty() && ft.height_table_.empty()) << factor;
-    for (const MCellCoarse& r : ft.coarse_cells_) EXPECT_EQ(r.value_bins + r.height_bins, 0);
-  }
+  const GridMatrixTable none = small.getLookUpTable(INT_MIN, 0.15f, 1.0f);
+  EXPECT_TRUE(none.value_table_.empty() && none.height_table_.empty());
   const GridMatrixTable huge = small.getLookUpTable(INT_MAX, 0.15f, 1.0f);
-  const GridMatrixTable whole = plainLookUpTable(small, 8, 0.15f, 1.0f);  // one block holds everything
+  const GridMatrixTable whole = plainLookUpTable(small, 8, 0.15f, 1.0f);
   ASSERT_EQ(huge.grid_size_, 1u);
   EXPECT_EQ(std::memcmp(&huge.coarse_cells_[0], &whole.coarse_cells_[0], sizeof(MCellCoarse)), 0);
   EXPECT_EQ(huge.value_table_, whole.value_table_);
   EXPECT_EQ(huge.height_table_, whole.height_table_);
-}
-
-TEST(LookUpTableEdges, BrokenIndexEntriesAreEmptyPositions) {
-  const Case c = randomCase(77);
-  ASSERT_GT(c.matrix.cells_.size(), 10u);
-  GridMatrix broken = c.matrix;
-  GridMatrix cleaned = c.matrix;
-  const std::int32_t n = static_cast<std::int32_t>(c.matrix.cells_.size());
-  const std::int32_t bad[] = {n, n + 5, INT32_MAX, -2, INT32_MIN};
-  for (std::size_t p = 0; p < broken.index_.size(); p += 3) {
-    broken.index_[p] = bad[p / 3 % 5];
-    cleaned.index_[p] = -1;
-  }
-  // A short index: the positions it does not reach are empty.
-  broken.index_.resize(broken.index_.size() / 2);
-  std::fill(cleaned.index_.begin() + static_cast<std::ptrdiff_t>(broken.index_.size()), cleaned.index_.end(), -1);
-  const GridMatrixTable want = checked(cleaned, c.factor, c.height_step, c.value_step);
-  for (int threads : {1, 2}) {
-    EXPECT_TRUE(sameTable(
-        withThreads(threads, [&] { return broken.getLookUpTable(c.factor, c.height_step, c.value_step); }), want));
-  }
-}
-
-TEST(LookUpTableEdges, BadStepsStayBounded) {
-  GridMatrix m = emptyMatrix(3, 2);
-  putCell(m, 0, 0, preparedCell(60.f, 4.f, 1.f, 0.3f));
-  putCell(m, 2, 1, preparedCell(61.f, 3.f, 2.f, 0.1f));
-  for (float step : {0.f, -0.15f, kNaN, kInf, 1e-30f}) {
-    const GridMatrixTable t = checked(m, 3, step, step);
-    EXPECT_LE(t.value_table_.size(), 256u);
-    EXPECT_LE(t.height_table_.size(), 65535u);
-  }
 }
 
 }  // namespace

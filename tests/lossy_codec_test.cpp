@@ -1,5 +1,6 @@
-// The zvmap field helpers and quantisation rules: byte order, rounding,
-// saturation, and the example cell record.
+// The zvmap quantisation rules: rounding and saturation of each rule, and
+// every stored step read back and stored again. Byte order and the record
+// layout are checked through whole files (grid_map_lossy_test.cpp).
 #include "localization/lossy_format.h"
 
 #include <gtest/gtest.h>
@@ -21,47 +22,8 @@ namespace {
 using namespace internal;
 using namespace lossy;
 using testing::bits;
-using UBytes = std::vector<unsigned char>;
-
-UBytes bytes(const char* p, int n) { return UBytes(p, p + n); }
-
 constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-
-TEST(LittleEndianTest, FieldsAreLowByteFirstAtAnyAlignmentAndFloatsKeepTheirBits) {
-  char buf[9] = {};
-  char* odd = buf + 1;  // never aligned for the wider types
-  encodeFixed16(odd, 0x1234);
-  EXPECT_EQ(bytes(odd, 2), (UBytes{0x34, 0x12}));
-  EXPECT_EQ(decodeFixed16(odd), 0x1234);
-  encodeFixed32(odd, 0x89abcdefu);
-  EXPECT_EQ(bytes(odd, 4), (UBytes{0xef, 0xcd, 0xab, 0x89}));
-  EXPECT_EQ(decodeFixed32(odd), 0x89abcdefu);
-  encodeFixed64(odd, 0x0102030405060708ull);
-  EXPECT_EQ(bytes(odd, 8), (UBytes{8, 7, 6, 5, 4, 3, 2, 1}));
-  EXPECT_EQ(decodeFixed64(odd), 0x0102030405060708ull);
-  encodeInt32(odd, std::numeric_limits<std::int32_t>::min());
-  EXPECT_EQ(bytes(odd, 4), (UBytes{0, 0, 0, 0x80}));
-  EXPECT_EQ(decodeInt32(odd), std::numeric_limits<std::int32_t>::min());
-  encodeFloat64(odd, 200.0);
-  EXPECT_EQ(bytes(odd, 8), (UBytes{0, 0, 0, 0, 0, 0, 0x69, 0x40}));
-  // -2.5, a NaN payload and a negative zero keep their bits.
-  for (std::uint32_t u : {0xc0200000u, 0x7fa00001u, 0x80000000u}) {
-    float f;
-    std::memcpy(&f, &u, 4);
-    encodeFloat32(odd, f);
-    EXPECT_EQ(decodeFixed32(odd), u);
-    EXPECT_EQ(bits(decodeFloat32(odd)), u);
-  }
-  for (std::uint64_t u : {0x4069000000000000ull, 0x7ff0000000000001ull}) {
-    double d;
-    std::memcpy(&d, &u, 8);
-    encodeFloat64(odd, d);
-    EXPECT_EQ(decodeFixed64(odd), u);
-    const double back = decodeFloat64(odd);
-    EXPECT_EQ(std::memcmp(&back, &u, 8), 0);
-  }
-}
 
 TEST(StepRuleTest, SubtractsTheOriginRoundsHalvesAwayAndSaturates) {
   struct Case { float value, origin, step; int stored; };
@@ -139,27 +101,6 @@ TEST(WeightRuleTest, StoresTheFirstWeightsShareIn255thsAndReadsAPairSummingToOne
     ASSERT_EQ(bits(w1), bits(1.0f - w0)) << b;
     ASSERT_EQ(encodeWeight(w0, w1), b) << b;
   }
-}
-
-constexpr CellScales kExampleScales{0.01f, 0.01f, 0.01f, 0.01f, -2.5f, 0.0f};
-const UBytes kExampleRecord = {0x04, 0x00, 0x00, 0x00, 0x7d, 0x00, 0x14, 0x65, 0x96, 0x00, 0xc8,
-                               0x00, 0xbf, 0x32, 0x00, 0x2c, 0x01, 0x05, 0x00, 0x0c, 0x00, 0x80};
-
-TEST(CellRecordTest, ExampleCellEncodesToItsRecordAndDecodingLeavesThePadding) {
-  char record[kRecordBytes + 2];
-  std::memset(record, 0x5a, sizeof record);
-  encodeCellRecord(record + 1, 4, testing::exampleCell(), kExampleScales);
-  EXPECT_EQ(bytes(record + 1, kRecordBytes), kExampleRecord);
-  EXPECT_EQ(record[0], 0x5a);  // exactly 22 bytes written
-  EXPECT_EQ(record[kRecordBytes + 1], 0x5a);
-
-  MCell cell;
-  std::memset(cell.unused_, 0xee, sizeof cell.unused_);
-  const auto* src = reinterpret_cast<const char*>(kExampleRecord.data());
-  EXPECT_EQ(decodeRecordPosition(src), 4u);
-  decodeCellRecord(src, kExampleScales, &cell);  // the values: see the golden decode
-  EXPECT_EQ(cell.value_mean[1], 101.f);
-  for (unsigned char b : cell.unused_) EXPECT_EQ(b, 0xee);
 }
 
 }  // namespace

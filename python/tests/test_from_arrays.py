@@ -32,16 +32,13 @@ def packed_dtype():
      GOOD_INDEX, "'value_sigma' must be numbers"),
     # Index of the wrong kind or shape.
     (three_cells(), [0, 1, 2], "2-D \\(rows, cols\\) array"),
-    (three_cells(), np.zeros((1, 2, 3), np.int32), "2-D"),
     (three_cells(), np.float64(GOOD_INDEX), "integer array"),
     (three_cells(), np.int64([[0, 1, 2, 2**32]]), "index entry 4294967296 is not a cell number"),
-    (three_cells(), np.int64([[0, 1, 2, -2**31 - 1]]), "index entry -2147483649 is not a cell number"),
     # Entries that do not name each cell once.
     (three_cells(), [[0, -2, 1], [-1, 2, -1]], "at \\(row 0, col 1\\) is -2"),
     (three_cells(), [[0, -1, 1], [-1, 3, -1]], "at \\(row 1, col 1\\) names cell 3, but there are only 3"),
     (three_cells(), [[0, -1, 1], [2, 1, -1]], "cell 1 is named twice, at \\(row 0, col 2\\) and at \\(row 1, col 1\\)"),
     (three_cells(), [[0, -1, -1], [-1, 2, -1]], "cell 1 is not named by any index entry"),
-    (three_cells(), np.full((0, 4), -1), "cell 0 is not named"),
 ])
 def test_bad_arrays_are_refused_with_the_problem_named(cells, index, words):
     with pytest.raises(ValueError, match=words):
@@ -49,7 +46,6 @@ def test_bad_arrays_are_refused_with_the_problem_named(cells, index, words):
 
 
 @pytest.mark.parametrize("keyword, value, words", [
-    ("tag", -1, "tag must fit"),
     ("tag", 2**32, "tag must fit"),
     ("offset_x", 2**31, "offset_x must fit"),
     ("resolution", -0.15, "resolution must be"),

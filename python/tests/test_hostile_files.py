@@ -9,9 +9,6 @@ import pytest
 import zorvane
 from conftest import EXAMPLE_FILE
 
-MAX_CELLS = 97612890
-
-
 def header(rows=2, cols=3, body_size=0):
     return (b"zvmap" + struct.pack("<Iff3dI", 7, -4.0, 0.0, 1.0, 2.0, 3.0, body_size)
             + struct.pack("<4i", rows, cols, 0, 0))
@@ -29,45 +26,17 @@ def with_body_size(data, body_size):
     return data[:41] + struct.pack("<I", body_size) + data[45:]
 
 
-LONGER = with_records(2, 3, [0, 4]) + b"\0"
-
-# name, file bytes, the words of the reason
+# One file for each reason a load is refused: the corpus of every distinct
+# corruption is the C++ hostile-file suite; here it is enough that each
+# reason reaches Python as a ValueError naming the file.
 REFUSED = [
-    ("empty file", b"", "wrong magic"),
-    ("part of the magic", b"zvm", "wrong magic"),
-    ("magic only", b"zvmap", "truncated inside the 61-byte header"),
-    ("header cut at 60 bytes", header()[:60], "truncated inside the 61-byte header"),
-    ("not a map file", b"x" * 100, "wrong magic"),
     ("one wrong byte of magic", b"zvmaP" + EXAMPLE_FILE[5:], "wrong magic"),
-    ("body missing", with_body_size(header(), 66), "run past the end"),
+    ("header cut at 60 bytes", header()[:60], "truncated inside the 61-byte header"),
     ("body cut inside a record", with_records(2, 3, [0, 1, 2])[:-12], "run past the end"),
-    ("body size 2^32 - 1", with_body_size(header(), 0xFFFFFFFF) + record(0), "run past the end"),
-    ("body beyond the cell bound", with_body_size(header(), 22 * (MAX_CELLS + 1)), "run past the end"),
-    ("one byte too many", LONGER, "file length differs"),
-    ("declared tail of a record", with_body_size(LONGER, 50), "file length differs"),
+    ("one byte too many", with_records(2, 3, [0, 4]) + b"\0", "file length differs"),
     ("no records", with_records(2, 3, []), "declares no cells"),
-    ("body size below one record", with_body_size(header(), 10), "declares no cells"),
-    ("65535 x 65535 grid with three cells", with_records(65535, 65535, [0, 1, 2]), "dimensions"),
-    ("65535 x 65535 grid without cells", with_records(65535, 65535, []), "dimensions|no cells"),
-    ("negative rows and columns", with_records(-2, -3, [0]), "dimensions"),
     ("negative rows", with_records(-1, 3, [0]), "dimensions"),
-    ("grid size wrapping to 0", with_records(65536, 65536, [0]), "dimensions"),
-    ("grid size wrapping to a small grid", with_records(65537, 65535, [0]), "dimensions"),
-    ("beyond 2^30 positions", with_records(32769, 32768, [0]), "dimensions"),
-    ("one row beyond what one cell allows", with_records(257, 65537, [0]), "dimensions"),
     ("position at the grid size", with_records(2, 3, [6]), "position outside the grid"),
-    ("position 2^32 - 1", with_records(2, 3, [0xFFFFFFFF]), "position outside the grid"),
-    ("bad position after good ones", with_records(2, 3, [0, 1, 99]), "position outside the grid"),
-    ("any position in an empty grid", with_records(0, 5, [0]), "position outside the grid"),
-]
-
-# Odd but readable files load.
-READABLE = [
-    ("as many positions as one cell allows", with_records(256, 65537, [16777471])),
-    ("duplicate positions", with_records(2, 3, [1, 1, 4])),
-    ("descending positions", with_records(2, 3, [5, 3, 0])),
-    ("every field saturated", with_records(2, 3, [0, 5], 0xFF)),
-    ("zero sigmas and weights", with_records(2, 3, [2], 0x00)),
 ]
 
 
@@ -78,15 +47,6 @@ def test_broken_files_raise_value_error_with_the_reason(tmp_path, name, data, wo
     path.write_bytes(data)
     with pytest.raises(ValueError, match=f"cannot load map file '{path}': .*({words})"):
         zorvane.Map.read(path, prepare=prepare)
-
-
-@pytest.mark.parametrize("name, data", READABLE, ids=[c[0] for c in READABLE])
-def test_odd_but_readable_files_load(tmp_path, name, data):
-    path = tmp_path / "odd.zvmap"
-    path.write_bytes(data)
-    m = zorvane.Map.read(path)
-    assert m.prepared and m.index.shape == (m.rows, m.cols)
-    assert len(m.cells) == (len(data) - 61) // 22
 
 
 def test_whole_records_of_a_partial_body_load_with_a_warning(tmp_path):

@@ -25,17 +25,9 @@ def test_example_file_reads_header_geometry_and_quantised_cells(tmp_path):
     assert (m.cols, m.rows, m.offset_x, m.offset_y) == (3, 2, -1, 4)
     assert m.resolution == np.float32(0.15) and not m.prepared
     assert m.index.tolist() == [[-1, -1, -1], [-1, 0, -1]]
-    c = m.cells[0]
-    expected = {
-        "value_sigma": (1.5, 2.0), "value_mean": (20, 101),
-        "value_weight": (0.7490196228027344, 0.2509803771972656),
-        "height_sigma": (0.04999999701976776, 0.11999999731779099),
-        "height_mean": (-2.0, 0.5),
-        "height_weight": (0.501960813999176, 0.498039186000824),
-    }
-    for name, values in expected.items():
-        np.testing.assert_array_equal(c[name], np.float32(values), err_msg=name)
-    assert c["aux_value"] == np.float32(1.25)
+    # The quantised values themselves are the C++ golden test's; one field
+    # shows they come through.
+    np.testing.assert_array_equal(m.cells[0]["value_mean"], np.float32((20, 101)))
 
 
 def test_round_trip_matches_the_cpp_library(tmp_path, map_dump):
@@ -60,28 +52,9 @@ def test_raw_read_and_save_gives_back_the_file(tmp_path):
     assert first.read_bytes() == second.read_bytes()
 
 
-def test_saved_map_reads_back_in_position_order(tmp_path):
-    m = random_map(seed=4)
-    path = tmp_path / "m.zvmap"
-    m.save(path)
-    back = zorvane.Map.read(path, prepare=False)
-    occupied = m.index >= 0
-    assert np.array_equal(back.index >= 0, occupied)
-    # Cell i of the file belongs to the i-th occupied position.
-    assert np.array_equal(back.index[occupied], np.arange(occupied.sum()))
-    np.testing.assert_allclose(back.cells["height_mean"], m.cells[m.index[occupied]]["height_mean"],
-                               atol=0.0051)
-
-
-@pytest.mark.parametrize("make, error, words", [
-    (lambda: zorvane.Map(), ValueError, "has no cells"),
-    (lambda: zorvane.Map.from_arrays(np.zeros(0, zorvane.CELL_DTYPE), np.full((2, 2), -1)),
-     ValueError, "has no cells"),
-])
-def test_save_refuses_maps_without_file_form(tmp_path, make, error, words):
-    path = tmp_path / "m.zvmap"
-    with pytest.raises(error, match=words):
-        make().save(path)
+def test_save_refuses_a_map_without_cells(tmp_path):
+    with pytest.raises(ValueError, match="has no cells"):
+        zorvane.Map().save(tmp_path / "m.zvmap")
 
 
 def test_save_into_a_missing_directory_is_an_os_error(tmp_path):
