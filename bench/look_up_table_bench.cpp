@@ -27,8 +27,8 @@
 #include <vector>
 
 #include "localization/grid_matrix.h"
-#include "tests/support/plain_look_up_table.h"
-#include "tests/support/synthetic_map.h"
+#include "tools/reference/plain_look_up_table.h"
+#include "tools/reference/synthetic_map.h"
 
 namespace {
 
@@ -39,7 +39,7 @@ const GridMatrix& preparedMap(int side) {
   static std::map<int, std::unique_ptr<GridMatrix>> maps;
   auto& slot = maps[side];
   if (!slot) {
-    slot = std::make_unique<GridMatrix>(zorvane::testing::makeSyntheticMap(side, side, 1).matrix);
+    slot = std::make_unique<GridMatrix>(zorvane::reference::makeSyntheticMap(side, side, 1).matrix);
     slot->runPreCalc();
   }
   return *slot;
@@ -83,7 +83,7 @@ void buildTable(benchmark::State& state, int side, int threads, Builder builder)
     const long before = statusKb("VmRSS");
     state.ResumeTiming();
     GridMatrixTable t = builder == Builder::kProduction ? m.getLookUpTable(4, 0.15f, 1.0f)
-                                                        : zorvane::testing::plainLookUpTable(m, 4, 0.15f, 1.0f);
+                                                        : zorvane::reference::plainLookUpTable(m, 4, 0.15f, 1.0f);
     state.PauseTiming();
     benchmark::DoNotOptimize(t.value_table_.data());
     const long peak = statusKb("VmHWM");

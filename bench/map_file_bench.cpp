@@ -30,7 +30,7 @@
 #include "localization/lossy_format.h"
 #include "localization/map_allocator.h"
 #include "localization/map_file_buffer.h"
-#include "tests/support/synthetic_map.h"
+#include "tools/reference/synthetic_map.h"
 
 namespace zorvane {
 namespace {
@@ -57,7 +57,7 @@ const MapFile& mapFile(int side) {
   MapFile f;
   f.path = "/tmp/zv_map_file_bench_" + std::to_string(getpid()) + "_" + std::to_string(side) + ".zvmap";
   {
-    testing::SyntheticMap synthetic = testing::makeSyntheticMap(side, side, 42);
+    reference::SyntheticMap synthetic = reference::makeSyntheticMap(side, side, 42);
     GridMapLossy map;
     map.height_base_ = synthetic.height_base;
     map.aux_value_base_ = synthetic.aux_value_base;

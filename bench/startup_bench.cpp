@@ -44,8 +44,8 @@
 #include "localization/grid_map_server.h"
 #include "localization/look_up_table.h"
 #include "localization/matrix_config.h"
-#include "tests/support/plain_look_up_table.h"
-#include "tests/support/synthetic_map.h"
+#include "tools/reference/plain_look_up_table.h"
+#include "tools/reference/synthetic_map.h"
 
 namespace zorvane {
 namespace {
@@ -145,7 +145,7 @@ bool runChild(const std::string& op, const std::string& path, double* seconds, d
     const GridMatrix m = plainMatrix(plain);
     plain = bench::PlainMap();
     const Timer start;
-    const GridMatrixTable table = testing::plainLookUpTable(m, 4, 0.15f, 1.0f);
+    const GridMatrixTable table = reference::plainLookUpTable(m, 4, 0.15f, 1.0f);
     *seconds = start.stop(cpu);
     return table.grid_size_ > 0;
   }
@@ -167,7 +167,7 @@ bool runChild(const std::string& op, const std::string& path, double* seconds, d
     const Timer start;
     bench::PlainMap plain;
     if (!bench::plainLoad(path, true, &plain)) return false;
-    const GridMatrixTable table = testing::plainLookUpTable(plainMatrix(plain), 4, 0.15f, 1.0f);
+    const GridMatrixTable table = reference::plainLookUpTable(plainMatrix(plain), 4, 0.15f, 1.0f);
     localization::cudaSetMatrixConfig(localization::matrixConfigOf(plain.matrix));
     localization::cudaSetMatrixCells(plain.cells.data(), static_cast<int>(plain.cells.size()), plain.index.data(),
                                      static_cast<int>(plain.index.size()));
@@ -229,7 +229,7 @@ double quantile(std::vector<double> v, double q) {
 bool ensureMap(const std::string& path) {
   if (std::ifstream(path).good()) return true;
   std::cerr << "generating " << path << " (" << kSide << " x " << kSide << ", seed " << kSeed << ")\n";
-  testing::SyntheticMap synthetic = testing::makeSyntheticMap(kSide, kSide, kSeed);
+  reference::SyntheticMap synthetic = reference::makeSyntheticMap(kSide, kSide, kSeed);
   GridMapLossy map;
   map.height_base_ = synthetic.height_base;
   map.aux_value_base_ = synthetic.aux_value_base;

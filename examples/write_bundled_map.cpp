@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "localization/grid_map_lossy.h"
-#include "tests/support/synthetic_map.h"
+#include "tools/reference/synthetic_map.h"
 
 int main(int argc, char** argv) {
   if (argc != 2) {
@@ -19,7 +19,7 @@ int main(int argc, char** argv) {
   constexpr int kRows = 500;
   constexpr std::uint64_t kSeed = 20;
 
-  zorvane::testing::SyntheticMap scene = zorvane::testing::makeSyntheticMap(kCols, kRows, kSeed);
+  zorvane::reference::SyntheticMap scene = zorvane::reference::makeSyntheticMap(kCols, kRows, kSeed);
   zorvane::localization::GridMapLossy map;
   map.mutable_matrix() = std::move(scene.matrix);
   map.height_base_ = scene.height_base;

@@ -5,7 +5,7 @@
 // sequences exactly as long as the counts add up to, value bins inside
 // 0..255); where the plain reference builder is cheap enough to run, the
 // two must agree bit for bit (NaN bins only as NaN). Build it from the
-// library sources plus tests/support/plain_look_up_table.cpp with
+// library sources plus tools/reference/plain_look_up_table.cpp with
 // -fsanitize=fuzzer,address,undefined and run, for instance:
 //   look_up_table_fuzz -max_len=2048 CORPUS_DIR
 #include <cmath>
@@ -15,7 +15,7 @@
 #include <cstring>
 
 #include "localization/look_up_table.h"
-#include "tests/support/plain_look_up_table.h"
+#include "tools/reference/plain_look_up_table.h"
 
 namespace {
 
@@ -132,6 +132,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // bin of every histogram for every cell: only small cases.
   const bool small = factor >= -8 && factor <= 8 &&
                      table.value_table_.size() + table.height_table_.size() <= 20000;
-  if (small) checkSame(table, zorvane::testing::plainLookUpTable(m, factor, height_step, value_step));
+  if (small) checkSame(table, zorvane::reference::plainLookUpTable(m, factor, height_step, value_step));
   return 0;
 }

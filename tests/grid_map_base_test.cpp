@@ -11,7 +11,7 @@
 
 #include "localization/grid_map_lossy.h"
 #include "tests/support/map_bytes.h"
-#include "tests/support/synthetic_map.h"
+#include "tools/reference/synthetic_map.h"
 
 namespace zorvane {
 namespace localization {
@@ -22,7 +22,7 @@ using testing::bits;
 // A prepared synthetic matrix, small enough for a quick table.
 void loadSmallMap(GridMapBase* map, std::uint64_t seed) {
   GridMatrix& m = map->mutable_matrix();
-  m = testing::makeSyntheticMap(24, 16, seed).matrix;
+  m = reference::makeSyntheticMap(24, 16, seed).matrix;
   ASSERT_FALSE(m.cells_.empty());
   m.runPreCalc();
 }

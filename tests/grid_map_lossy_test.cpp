@@ -17,7 +17,7 @@
 
 #include "tests/support/map_files.h"
 #include "tests/support/team_size.h"
-#include "tests/support/synthetic_map.h"
+#include "tools/reference/synthetic_map.h"
 
 namespace zorvane {
 namespace localization {
@@ -317,7 +317,7 @@ TEST(GridMapLossyReadTest, SecondLoadLeavesNoTraceOfTheFirst) {
 // grid, so a save and load gives them back bit for bit, in prepared form,
 // whatever the team size; the silent load gives the same, or the raw cells.
 TEST(GridMapLossyRoundTripTest, SyntheticMapComesBackExactlyForAnyTeam) {
-  testing::SyntheticMap synthetic = testing::makeSyntheticMap(300, 200, 5);
+  reference::SyntheticMap synthetic = reference::makeSyntheticMap(300, 200, 5);
   GridMapLossy map;
   map.header_tag_ = 3;
   map.height_base_ = synthetic.height_base;

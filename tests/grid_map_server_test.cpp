@@ -22,7 +22,7 @@
 #include "localization/little_endian.h"
 #include "localization/lossy_format.h"
 #include "localization/runtime_error.h"
-#include "tests/support/synthetic_map.h"
+#include "tools/reference/synthetic_map.h"
 
 namespace {
 
@@ -100,7 +100,7 @@ class ServerTest : public testing::Test {
   // Writes a synthetic map (coarse blocks not aligned with its edges, cells
   // over many bins) and returns its path.
   std::string writeMap(const std::string& name, int cols, int rows, unsigned seed) {
-    const auto synthetic = zorvane::testing::makeSyntheticMap(cols, rows, seed);
+    const auto synthetic = zorvane::reference::makeSyntheticMap(cols, rows, seed);
     EXPECT_GT(synthetic.matrix.cells_.size(), 20u) << name;
     GridMapLossy map;
     map.mutable_matrix() = synthetic.matrix;

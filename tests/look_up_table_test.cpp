@@ -19,15 +19,15 @@
 
 #include "localization/look_up_table_exact.h"
 #include "localization/look_up_table_histogram.h"
-#include "tests/support/plain_look_up_table.h"
-#include "tests/support/synthetic_map.h"
+#include "tools/reference/plain_look_up_table.h"
+#include "tools/reference/synthetic_map.h"
 #include "tests/support/team_size.h"
 
 namespace {
 
 using namespace zorvane::localization;
-using zorvane::testing::plainLookUpTable;
-using zorvane::testing::makeSyntheticMap;
+using zorvane::reference::plainLookUpTable;
+using zorvane::reference::makeSyntheticMap;
 using lut::bitsOf;
 
 const float kInf = std::numeric_limits<float>::infinity();

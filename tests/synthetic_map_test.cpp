@@ -2,7 +2,7 @@
 // benchmarks: the same map for any team size, a valid raw matrix, and cells
 // that survive the lossy file unchanged (the round trip itself is in
 // grid_map_lossy_test.cpp).
-#include "tests/support/synthetic_map.h"
+#include "tools/reference/synthetic_map.h"
 #include "tests/support/team_size.h"
 
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@ namespace {
 
 using zorvane::localization::GridMatrix;
 using zorvane::localization::MCell;
-using zorvane::testing::makeSyntheticMap;
+using zorvane::reference::makeSyntheticMap;
 using zorvane::testing::ScopedTeamSize;
 
 bool sameBits(const GridMatrix& a, const GridMatrix& b) {

@@ -7,7 +7,7 @@
 
 #include "localization/grid_map_lossy.h"
 #include "localization/lossy_format.h"
-#include "tests/support/synthetic_map.h"
+#include "tools/reference/synthetic_map.h"
 #include "tools/zvmap/commands.h"
 #include "tools/zvmap/console.h"
 #include "tools/zvmap/map_loading.h"
@@ -29,10 +29,10 @@ int runSynth(const SynthOptions& options) {
                                     " positions, each of which may hold a cell)");
   }
   const auto start = std::chrono::steady_clock::now();
-  testing::SyntheticMap synthetic;
+  reference::SyntheticMap synthetic;
   {
     Progress progress("synth: building " + std::to_string(positions) + " positions", 0);
-    synthetic = testing::makeSyntheticMap(static_cast<int>(options.cols), static_cast<int>(options.rows), options.seed);
+    synthetic = reference::makeSyntheticMap(static_cast<int>(options.cols), static_cast<int>(options.rows), options.seed);
   }
   if (synthetic.matrix.cells_.empty()) {
     // Small scenes can fall wholly inside a building, where nothing is

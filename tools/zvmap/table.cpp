@@ -11,7 +11,7 @@
 #include <string>
 
 #include "localization/grid_map_lossy.h"
-#include "tests/support/plain_look_up_table.h"
+#include "tools/reference/plain_look_up_table.h"
 #include "tools/zvmap/commands.h"
 #include "tools/zvmap/console.h"
 #include "tools/zvmap/map_loading.h"
@@ -114,7 +114,7 @@ int runTable(const TableOptions& options) {
   {
     Progress progress("table: plain evaluation", 0);
     const auto plain_start = std::chrono::steady_clock::now();
-    const GridMatrixTable plain = testing::plainLookUpTable(m, options.level, map.height_step_, map.value_step_);
+    const GridMatrixTable plain = reference::plainLookUpTable(m, options.level, map.height_step_, map.value_step_);
     plain_seconds = secondsSince(plain_start);
     difference = compareTables(table, plain);
   }

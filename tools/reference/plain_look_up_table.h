@@ -16,12 +16,12 @@
 #include "localization/grid_matrix.h"
 
 namespace zorvane {
-namespace testing {
+namespace reference {
 
 localization::GridMatrixTable plainLookUpTable(const localization::GridMatrix& matrix, int factor,
                                                float height_step, float value_step);
 
-}  // namespace testing
+}  // namespace reference
 }  // namespace zorvane
 
 #endif  // ZORVANE_TESTS_SUPPORT_PLAIN_LOOK_UP_TABLE_H_

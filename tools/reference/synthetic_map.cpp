@@ -1,4 +1,4 @@
-#include "tests/support/synthetic_map.h"
+#include "tools/reference/synthetic_map.h"
 
 #include <omp.h>
 
@@ -10,7 +10,7 @@
 #include "localization/lossy_format.h"
 
 namespace zorvane {
-namespace testing {
+namespace reference {
 namespace {
 
 using localization::MCell;
@@ -328,5 +328,5 @@ SyntheticMap makeSyntheticMap(int cols, int rows, std::uint64_t seed) {
   return out;
 }
 
-}  // namespace testing
+}  // namespace reference
 }  // namespace zorvane

@@ -18,7 +18,7 @@
 #include "localization/grid_matrix.h"
 
 namespace zorvane {
-namespace testing {
+namespace reference {
 
 struct SyntheticMap {
   // Raw form (precalculated_ false), geometry set through manualInit with
@@ -39,7 +39,7 @@ struct SyntheticMap {
 // positions and no cells.
 SyntheticMap makeSyntheticMap(int cols, int rows, std::uint64_t seed);
 
-}  // namespace testing
+}  // namespace reference
 }  // namespace zorvane
 
 #endif  // ZORVANE_TESTS_SUPPORT_SYNTHETIC_MAP_H_

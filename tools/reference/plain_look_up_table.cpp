@@ -1,4 +1,4 @@
-#include "tests/support/plain_look_up_table.h"
+#include "tools/reference/plain_look_up_table.h"
 
 #include <omp.h>
 
@@ -9,7 +9,7 @@
 #include "localization/parallel_split.h"
 
 namespace zorvane {
-namespace testing {
+namespace reference {
 namespace {
 
 using localization::GridMatrix;
@@ -174,5 +174,5 @@ GridMatrixTable plainLookUpTable(const GridMatrix& m, int factor, float height_s
   return t;
 }
 
-}  // namespace testing
+}  // namespace reference
 }  // namespace zorvane
