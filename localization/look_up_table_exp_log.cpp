@@ -265,11 +265,20 @@ ZV_AVX2_FMA void logSharesAvx2(float* bins, std::int64_t n, float sum, float sca
   const __m256 log_floor8 = _mm256_set1_ps(log_floor);
   // Whole groups, the last one into the padding: a masked load of what the
   // histogram has just stored would wait for those stores to complete.
+  // A histogram's tails, beyond the reach of its components' mass, hold
+  // shares that round to the floor itself; their groups need no logarithm.
   for (std::int64_t k0 = 0; k0 < n; k0 += 8) {
     float* const at = bins + k0;
     const __m256 share = _mm256_add_ps(_mm256_mul_ps(_mm256_div_ps(_mm256_loadu_ps(at), sum8), scale8), floor8);
     const __m256i lanes = firstLanes(n - k0);
-    _mm256_storeu_ps(at, logOrFloor(_mm256_castps_si256(share), floor_bits8, log_floor8, lanes));
+    const __m256i share_bits = _mm256_castps_si256(share);
+    const __m256i floor_or_padding = _mm256_or_si256(_mm256_cmpeq_epi32(share_bits, floor_bits8),
+                                                     _mm256_xor_si256(lanes, _mm256_set1_epi32(-1)));
+    if (_mm256_movemask_ps(_mm256_castsi256_ps(floor_or_padding)) == 0xff) {
+      _mm256_storeu_ps(at, log_floor8);
+      continue;
+    }
+    _mm256_storeu_ps(at, logOrFloor(share_bits, floor_bits8, log_floor8, lanes));
   }
 }
 
