@@ -73,6 +73,29 @@ BlockRanges blockRanges(const BlockWalker& walker, std::int64_t i, std::int64_t 
   std::int32_t value_low = 10000, value_high = -10000;
   std::int32_t height_low = 10000, height_high = -10000;
   std::int64_t cells = 0;
+#if defined(__SSE2__)
+  // Lanes: value component 0, 1, height component 0, 1; the same
+  // operations as below, four at a time.
+  const __m128 steps = _mm_setr_ps(value_step, value_step, height_step, height_step);
+  __m128i low = _mm_set1_epi32(10000), high = _mm_set1_epi32(-10000);
+  walker.forEachCell(i, j, [&](const MCell& cell) {
+    ++cells;
+    // Two floats in the low half (__m128i may alias any type).
+    const auto pair = [](const float* v) { return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(v)); };
+    const __m128 sigma = _mm_castsi128_ps(_mm_unpacklo_epi64(pair(cell.value_sigma), pair(cell.height_sigma)));
+    const __m128 mean = _mm_castsi128_ps(_mm_unpacklo_epi64(pair(cell.value_mean), pair(cell.height_mean)));
+    const __m128 spread = _mm_add_ps(sigma, sigma);
+    low = minFour(low, roundToBinFour(_mm_div_ps(_mm_sub_ps(mean, spread), steps)));
+    high = maxFour(high, roundToBinFour(_mm_div_ps(_mm_add_ps(mean, spread), steps)));
+  });
+  alignas(16) std::int32_t lows[4], highs[4];
+  _mm_store_si128(reinterpret_cast<__m128i*>(lows), low);
+  _mm_store_si128(reinterpret_cast<__m128i*>(highs), high);
+  value_low = std::min(lows[0], lows[1]);
+  height_low = std::min(lows[2], lows[3]);
+  value_high = std::max(highs[0], highs[1]);
+  height_high = std::max(highs[2], highs[3]);
+#else
   walker.forEachCell(i, j, [&](const MCell& cell) {
     ++cells;
     for (int c = 0; c < 2; ++c) {
@@ -83,6 +106,7 @@ BlockRanges blockRanges(const BlockWalker& walker, std::int64_t i, std::int64_t 
       height_high = std::max(height_high, roundToBin((cell.height_mean[c] + (hs + hs)) / height_step));
     }
   });
+#endif
   BlockRanges r;
   r.cells = cells;
   const std::int64_t value_first = std::max<std::int32_t>(value_low, 0);

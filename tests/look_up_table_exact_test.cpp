@@ -60,6 +60,17 @@ TEST(LookUpTableExact, RoundToBinEqualsLibraryRound) {
   for (float v : values) {
     ASSERT_EQ(roundToBin(v), toInt32(std::round(v))) << v << " bits " << bitsOf(v);
   }
+#if defined(__SSE2__)
+  // The four-lane form, each value in every lane.
+  for (std::size_t k = 0; k + 4 <= values.size(); ++k) {
+    alignas(16) std::int32_t got[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(got), roundToBinFour(_mm_loadu_ps(&values[k])));
+    for (int q = 0; q < 4; ++q) {
+      const float v = values[k + static_cast<std::size_t>(q)];
+      ASSERT_EQ(got[q], toInt32(std::round(v))) << v << " bits " << bitsOf(v) << " lane " << q;
+    }
+  }
+#endif
 }
 
 }  // namespace
