@@ -117,7 +117,9 @@ constexpr std::int64_t kAlignSlack = 8;
 
 }  // namespace
 
-SigmaMemo::SigmaMemo() : slots_(kSlots), arena_(new float[static_cast<std::size_t>(kTables) * (511 + 2 * kPad)]) {
+SigmaMemo::SigmaMemo()
+    : slots_(kSlots), arena_(new float[static_cast<std::size_t>(kTables) * (511 + kPad) + kPad]), arena_used_(kPad) {
+  std::fill(arena_.get(), arena_.get() + kPad, 0.f);
   tables_.reserve(static_cast<std::size_t>(kTables));
 }
 
@@ -148,14 +150,16 @@ const float* SigmaMemo::find(float s, int* reach) {
     }
     Table t;
     t.reach = last;
-    t.centre = arena_used_ + kPad + std::max(last, 0);
+    // The zeros on the left are those behind the previous table (or the
+    // arena's first kPad), so each table adds its span and kPad zeros.
+    t.centre = arena_used_ + std::max(last, 0);
     float* const centre = arena_.get() + t.centre;
     for (int d = 0; d <= std::max(last, 0) + kPad; ++d) {
       const float v = d <= last ? values[d] : 0.f;
       centre[d] = v;
-      centre[-d] = v;
+      if (d <= std::max(last, 0)) centre[-d] = v;
     }
-    arena_used_ += 2 * (std::max(last, 0) + kPad) + 1;
+    arena_used_ += 2 * std::max(last, 0) + 1 + kPad;
     slot->table = static_cast<std::int32_t>(tables_.size());
     tables_.push_back(t);
   }

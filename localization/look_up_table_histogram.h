@@ -66,8 +66,10 @@ class SigmaMemo {
   };
   std::vector<Slot> slots_;
   std::vector<Table> tables_;
-  std::unique_ptr<float[]> arena_;  // kTables tables of the widest size
-  std::int64_t arena_used_ = 0;
+  // kPad zeros, then tables, each its span and kPad zeros: room for
+  // kTables tables of the widest span.
+  std::unique_ptr<float[]> arena_;
+  std::int64_t arena_used_;
   std::uint32_t used_slots_ = 0;
 };
 
