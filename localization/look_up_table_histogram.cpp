@@ -232,9 +232,13 @@ void addComponent(float* bins, std::int64_t first, std::int64_t n, float w, floa
   addGaussianTerms(bins, first, lo, hi, w, mean, sigma, step);
 }
 
-void normaliseInto(float* bins, std::int64_t n, float scale, float floor, float log_floor, float* out) {
+float ascendingSum(const float* bins, std::int64_t n) {
   float sum = 0.f;
   for (std::int64_t k = 0; k < n; ++k) sum += bins[k];
+  return sum;
+}
+
+void normaliseInto(float* bins, std::int64_t n, float sum, float scale, float floor, float log_floor, float* out) {
   if (sum == 0.f) {
     std::fill(out, out + n, log_floor);
     return;
@@ -285,10 +289,13 @@ void HistogramKernel::build(const BlockWalker& walker, std::int64_t i, std::int6
       }
     }
   });
+  // The value sum is one long chain of dependent additions; issued before
+  // the height exponentials, which do not depend on it, the two overlap.
   flushValueRows();
+  const float value_sum = ascendingSum(vbins, r.value_n);
   flushHeightRuns(r.height_first, height_step);
-  normaliseInto(vbins, r.value_n, scale, floor, log_floor, value_out);
-  normaliseInto(hbins, r.height_n, scale, floor, log_floor, height_out);
+  normaliseInto(vbins, r.value_n, value_sum, scale, floor, log_floor, value_out);
+  normaliseInto(hbins, r.height_n, ascendingSum(hbins, r.height_n), scale, floor, log_floor, height_out);
 }
 
 void HistogramKernel::flushHeightRuns(std::int64_t first, float height_step) {

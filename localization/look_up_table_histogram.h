@@ -125,11 +125,14 @@ bool useWideVectors(bool wide);
 void addComponent(float* bins, std::int64_t first, std::int64_t n, float weight, float mean, float sigma, float step,
                   SigmaMemo* memo);
 
-// Writes ln((v / S) * scale + floor) of each of the n bins to out, S being
-// their sum in ascending order from +0; bins (paddedBins(n) floats) is
-// overwritten, padding included. A zero sum stores log_floor (=
-// logf(floor)) everywhere. out needs no alignment.
-void normaliseInto(float* bins, std::int64_t n, float scale, float floor, float log_floor, float* out);
+// The sum of the n bins in ascending order from +0.
+float ascendingSum(const float* bins, std::int64_t n);
+
+// Writes ln((v / sum) * scale + floor) of each of the n bins to out, sum
+// being ascendingSum(bins, n); bins (paddedBins(n) floats) is overwritten,
+// padding included. A zero sum stores log_floor (= logf(floor))
+// everywhere. out needs no alignment.
+void normaliseInto(float* bins, std::int64_t n, float sum, float scale, float floor, float log_floor, float* out);
 
 // The working memory of one thread of the fill pass, sized before the
 // parallel region so that nothing is allocated inside it.
