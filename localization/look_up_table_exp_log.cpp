@@ -127,6 +127,15 @@ ZV_AVX2_FMA inline __m256 expEight(__m256 x) {
   return _mm256_set_m128(expFour(_mm256_extractf128_ps(x, 1)), expFour(_mm256_castps256_ps128(x)));
 }
 
+// expEight for the lanes in `lanes` (bit q: lane q); a half with none of
+// them is left at 0 without its exponentials. The last group of a
+// histogram is often half padding.
+ZV_AVX2_FMA inline __m256 expEightOf(__m256 x, int lanes) {
+  const __m128 low = (lanes & 0x0f) != 0 ? expFour(_mm256_castps256_ps128(x)) : _mm_setzero_ps();
+  const __m128 high = (lanes & 0xf0) != 0 ? expFour(_mm256_extractf128_ps(x, 1)) : _mm_setzero_ps();
+  return _mm256_set_m128(high, low);
+}
+
 // logf of four positive normal arguments other than 1 by the main formula.
 ZV_AVX2_FMA inline __m128 logFour(__m128i ix) {
   const __m128i tmp = _mm_sub_epi32(ix, _mm_set1_epi32(static_cast<int>(kLogOffset)));
@@ -186,7 +195,8 @@ ZV_AVX2_FMA inline __m256 groupTerms(__m256i k, __m256 kf, const GaussianRun& ru
   const __m256 adds = _mm256_andnot_ps(_mm256_castsi256_ps(outside), _mm256_cmp_ps(exponent, zero_below, _CMP_NLT_UQ));
   const int add_bits = _mm256_movemask_ps(adds);
   if (add_bits == 0) return minus_zero;
-  __m256 term = _mm256_blendv_ps(minus_zero, _mm256_mul_ps(_mm256_set1_ps(run.w), expEight(exponent)), adds);
+  __m256 term =
+      _mm256_blendv_ps(minus_zero, _mm256_mul_ps(_mm256_set1_ps(run.w), expEightOf(exponent, add_bits)), adds);
   const int odd_bits = add_bits & ~_mm256_movemask_ps(expMainLanes(exponent));
   if (odd_bits != 0) {
     alignas(32) float e[8], t[8];
