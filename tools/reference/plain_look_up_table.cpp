@@ -16,16 +16,6 @@ using localization::GridMatrix;
 using localization::GridMatrixTable;
 using localization::MCell;
 
-// Saturating float-to-int conversion, NaN to 0.
-std::int32_t toInt(float v) {
-  if (std::isnan(v)) return 0;
-  if (v >= 2147483648.0f) return INT32_MAX;
-  if (v <= -2147483648.0f) return INT32_MIN;
-  return static_cast<std::int32_t>(v);
-}
-
-std::int32_t roundToInt(float v) { return toInt(std::round(v)); }
-
 // The taking-part cell at grid position (x, y), or nullptr.
 const MCell* cellAt(const GridMatrix& m, std::int64_t x, std::int64_t y) {
   if (x < 0 || x >= m.cols_ || y < 0 || y >= m.rows_) return nullptr;
@@ -110,19 +100,34 @@ void assemble(const std::vector<std::vector<float>>& hists, localization::MapVec
 
 }  // namespace
 
+std::int32_t plainToInt32(float v) {
+  if (std::isnan(v)) return 0;
+  if (v >= 2147483648.0f) return INT32_MAX;
+  if (v <= -2147483648.0f) return INT32_MIN;
+  return static_cast<std::int32_t>(v);
+}
+
+std::int32_t plainRoundToInt32(float v) { return plainToInt32(std::round(v)); }
+
+localization::GridMatrixBase plainCoarseGeometry(const localization::GridMatrixBase& m, int factor) {
+  localization::GridMatrixBase t;
+  const float F = static_cast<float>(factor);
+  t.resolution_ = m.resolution_ * F;
+  t.cols_ = plainToInt32(std::ceil(static_cast<float>(m.cols_) / F));
+  t.rows_ = plainToInt32(std::ceil(static_cast<float>(m.rows_) / F));
+  t.offset_x_ = plainToInt32(std::floor(static_cast<float>(m.offset_x_) / F));
+  t.offset_y_ = plainToInt32(std::floor(static_cast<float>(m.offset_y_) / F));
+  const std::uint64_t product = static_cast<std::uint64_t>(static_cast<std::uint32_t>(t.cols_)) *
+                                static_cast<std::uint32_t>(t.rows_);
+  t.grid_size_ = t.cols_ <= 0 || t.rows_ <= 0 || product > UINT32_MAX ? 0u : static_cast<std::uint32_t>(product);
+  return t;
+}
+
 GridMatrixTable plainLookUpTable(const GridMatrix& m, int factor, float height_step, float value_step) {
   GridMatrixTable t;
   if (!m.precalculated_) return t;
 
-  const float F = static_cast<float>(factor);
-  t.resolution_ = m.resolution_ * F;
-  t.cols_ = toInt(std::ceil(static_cast<float>(m.cols_) / F));
-  t.rows_ = toInt(std::ceil(static_cast<float>(m.rows_) / F));
-  t.offset_x_ = toInt(std::floor(static_cast<float>(m.offset_x_) / F));
-  t.offset_y_ = toInt(std::floor(static_cast<float>(m.offset_y_) / F));
-  const std::uint64_t product = static_cast<std::uint64_t>(static_cast<std::uint32_t>(t.cols_)) *
-                                static_cast<std::uint32_t>(t.rows_);
-  t.grid_size_ = t.cols_ <= 0 || t.rows_ <= 0 || product > UINT32_MAX ? 0u : static_cast<std::uint32_t>(product);
+  static_cast<localization::GridMatrixBase&>(t) = plainCoarseGeometry(m, factor);
   t.height_step_ = height_step;
   t.value_step_ = value_step;
 
@@ -151,10 +156,10 @@ GridMatrixTable plainLookUpTable(const GridMatrix& m, int factor, float height_s
             if (cell == nullptr) continue;
             for (int c = 0; c < 2; ++c) {
               const float vs = cell->value_sigma[c], hs = cell->height_sigma[c];
-              const int vlo = roundToInt((cell->value_mean[c] - (vs + vs)) / value_step);
-              const int vhi = roundToInt((cell->value_mean[c] + (vs + vs)) / value_step);
-              const int hlo = roundToInt((cell->height_mean[c] - (hs + hs)) / height_step);
-              const int hhi = roundToInt((cell->height_mean[c] + (hs + hs)) / height_step);
+              const int vlo = plainRoundToInt32((cell->value_mean[c] - (vs + vs)) / value_step);
+              const int vhi = plainRoundToInt32((cell->value_mean[c] + (vs + vs)) / value_step);
+              const int hlo = plainRoundToInt32((cell->height_mean[c] - (hs + hs)) / height_step);
+              const int hhi = plainRoundToInt32((cell->height_mean[c] + (hs + hs)) / height_step);
               value_low = std::min(value_low, vlo);
               value_high = std::max(value_high, vhi);
               height_low = std::min(height_low, hlo);

@@ -10,6 +10,7 @@
 #include "tools/zvmap/cell_fields.h"
 #include "tools/zvmap/commands.h"
 #include "tools/zvmap/console.h"
+#include "tools/reference/plain_look_up_table.h"
 #include "tools/zvmap/map_loading.h"
 #include "tools/zvmap/table_measure.h"
 
@@ -137,7 +138,7 @@ void checkTable(const GridMapLossy& map, int level, Report* report) {
   TableSize size;
   {
     Progress progress("check: sizing the level-" + std::to_string(level) + " table",
-                      coarseGeometry(m, level).cols_);
+                      reference::plainCoarseGeometry(m, level).cols_);
     size = measureTable(m, level, map.height_step_, map.value_step_, progressColumns, &progress);
   }
   const auto& c = size.coarse;

@@ -4,50 +4,22 @@
 #include <cmath>
 #include <limits>
 
+#include "tools/reference/plain_look_up_table.h"
+
 namespace zorvane {
 namespace tools {
 namespace zvmap {
-namespace {
 
 using localization::GridMatrix;
-using localization::GridMatrixBase;
 using localization::MCell;
-
-// The builder's conversions: float to int32 saturating, NaN to 0, and
-// rounding with halves away from zero before it.
-std::int32_t toInt32(float v) {
-  if (std::isnan(v)) return 0;
-  if (v >= 2147483648.0f) return std::numeric_limits<std::int32_t>::max();
-  if (v <= -2147483648.0f) return std::numeric_limits<std::int32_t>::min();
-  return static_cast<std::int32_t>(v);
-}
-
-std::int32_t roundToBin(float v) { return toInt32(std::round(v)); }
-
-}  // namespace
-
-GridMatrixBase coarseGeometry(const GridMatrixBase& matrix, int factor) {
-  GridMatrixBase coarse;
-  const float f = static_cast<float>(factor);
-  coarse.resolution_ = matrix.resolution_ * f;
-  coarse.cols_ = toInt32(std::ceil(static_cast<float>(matrix.cols_) / f));
-  coarse.rows_ = toInt32(std::ceil(static_cast<float>(matrix.rows_) / f));
-  coarse.offset_x_ = toInt32(std::floor(static_cast<float>(matrix.offset_x_) / f));
-  coarse.offset_y_ = toInt32(std::floor(static_cast<float>(matrix.offset_y_) / f));
-  const bool has_grid = coarse.cols_ > 0 && coarse.rows_ > 0 &&
-                        static_cast<std::uint64_t>(coarse.cols_) * static_cast<std::uint64_t>(coarse.rows_) <=
-                            std::numeric_limits<std::uint32_t>::max();
-  coarse.grid_size_ =
-      has_grid ? static_cast<std::uint32_t>(coarse.cols_) * static_cast<std::uint32_t>(coarse.rows_) : 0u;
-  return coarse;
-}
+using reference::plainRoundToInt32;
 
 TableMeasure::TableMeasure(const GridMatrix& matrix, int factor, float height_step, float value_step)
     : matrix_(matrix),
       factor_(factor),
       height_step_(height_step),
       value_step_(value_step),
-      coarse_(coarseGeometry(matrix, factor)) {}
+      coarse_(reference::plainCoarseGeometry(matrix, factor)) {}
 
 BlockBins TableMeasure::block(std::int32_t i, std::int32_t j) const {
   BlockBins bins;
@@ -78,10 +50,10 @@ BlockBins TableMeasure::block(std::int32_t i, std::int32_t j) const {
           vs = vs * (vs + vs);
           hs = hs * (hs + hs);
         }
-        value_low = std::min(value_low, roundToBin((cell.value_mean[k] - (vs + vs)) / value_step_));
-        value_high = std::max(value_high, roundToBin((cell.value_mean[k] + (vs + vs)) / value_step_));
-        height_low = std::min(height_low, roundToBin((cell.height_mean[k] - (hs + hs)) / height_step_));
-        height_high = std::max(height_high, roundToBin((cell.height_mean[k] + (hs + hs)) / height_step_));
+        value_low = std::min(value_low, plainRoundToInt32((cell.value_mean[k] - (vs + vs)) / value_step_));
+        value_high = std::max(value_high, plainRoundToInt32((cell.value_mean[k] + (vs + vs)) / value_step_));
+        height_low = std::min(height_low, plainRoundToInt32((cell.height_mean[k] - (hs + hs)) / height_step_));
+        height_high = std::max(height_high, plainRoundToInt32((cell.height_mean[k] + (hs + hs)) / height_step_));
       }
     }
   }

@@ -17,12 +17,6 @@ namespace zvmap {
 // The height bins the builder keeps of a wider range.
 constexpr std::int64_t kMaxHeightBins = 65535;
 
-// Coarse geometry of the table of sub-sampling factor `factor` (>= 1)
-// built from `matrix`: resolution, columns, rows and offsets as the
-// builder computes them in single precision, grid_size_ 0 when the coarse
-// grid is empty or does not fit 32 bits.
-localization::GridMatrixBase coarseGeometry(const localization::GridMatrixBase& matrix, int factor);
-
 // Bin counts of one coarse position. The height count is the builder's
 // (clipped to kMaxHeightBins); `height_wanted` is the width of the range
 // before the clip.
