@@ -11,6 +11,7 @@
 #include <cstring>
 #include <limits>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "localization/look_up_table_exact.h"
@@ -54,10 +55,37 @@ std::vector<Component> randomComponents(std::mt19937& rng, bool value_like, int 
   return v;
 }
 
-TEST(LookUpTableHistogram, AddComponentEqualsTheBinByBinSum) {
+// plain[k - first] += the component's term of bin k, bin by bin.
+void addPlainTerms(const Component& c, std::int64_t first, float step, std::vector<float>* plain) {
+  for (std::size_t q = 0; q < plain->size(); ++q) {
+    const float d = static_cast<float>(first + static_cast<std::int64_t>(q)) * step - c.mean;
+    (*plain)[q] += c.weight * std::exp(-(d * d) / c.sigma);
+  }
+}
+
+// The first bin whose bits differ, described; empty when all are the same.
+std::string firstDifference(const float* fast, const std::vector<float>& plain, std::int64_t first) {
+  for (std::size_t q = 0; q < plain.size(); ++q) {
+    if (!same(fast[q], plain[q]))
+      return "bin " + std::to_string(first + static_cast<std::int64_t>(q)) + ": " + std::to_string(fast[q]) +
+             " vs " + std::to_string(plain[q]);
+  }
+  return "";
+}
+
+// Runs check() with the SSE forms and, where the processor has them, the
+// AVX2 forms; the AVX2 forms are in use again afterwards.
+template <class Check>
+void forEachWidth(Check check) {
   for (bool wide : {false, true}) {
     SCOPED_TRACE(wide ? "AVX2" : "SSE");
-    if (!useWideVectors(wide)) continue;
+    if (useWideVectors(wide)) check();
+  }
+  useWideVectors(true);
+}
+
+TEST(LookUpTableHistogram, AddComponentEqualsTheBinByBinSum) {
+  forEachWidth([] {
     std::mt19937 rng(3);
     for (int round = 0; round < 400; ++round) {
       const bool value_like = round % 2 == 0;
@@ -71,19 +99,11 @@ TEST(LookUpTableHistogram, AddComponentEqualsTheBinByBinSum) {
       std::vector<float> plain(static_cast<std::size_t>(n), 0.f);
       for (const Component& c : comps) {
         addComponent(fast.data(), first, n, c.weight, c.mean, c.sigma, step, value_like ? &memo : nullptr);
-        for (std::int64_t k = first; k < first + n; ++k) {
-          const float d = static_cast<float>(k) * step - c.mean;
-          plain[static_cast<std::size_t>(k - first)] += c.weight * std::exp(-(d * d) / c.sigma);
-        }
+        addPlainTerms(c, first, step, &plain);
       }
-      for (std::int64_t k = 0; k < n; ++k) {
-        ASSERT_TRUE(same(fast.data()[k], plain[static_cast<std::size_t>(k)]))
-            << "round " << round << " bin " << first + k << ": " << fast.data()[k] << " vs "
-            << plain[static_cast<std::size_t>(k)];
-      }
+      ASSERT_EQ(firstDifference(fast.data(), plain, first), "") << "round " << round;
     }
-  }
-  useWideVectors(true);
+  });
 }
 
 // The value axis as the kernel runs it: memo rows gathered and added
@@ -91,9 +111,7 @@ TEST(LookUpTableHistogram, AddComponentEqualsTheBinByBinSum) {
 // added directly after the rows before it. Every bin must still receive
 // its terms in component order.
 TEST(LookUpTableHistogram, GatheredRowsEqualTheBinByBinSum) {
-  for (bool wide : {false, true}) {
-    SCOPED_TRACE(wide ? "AVX2" : "SSE");
-    if (!useWideVectors(wide)) continue;
+  forEachWidth([] {
     std::mt19937 rng(11);
     for (int round = 0; round < 300; ++round) {
       const std::int64_t first = static_cast<std::int64_t>(rng() % 200);
@@ -117,20 +135,12 @@ TEST(LookUpTableHistogram, GatheredRowsEqualTheBinByBinSum) {
           addTermRows(fast.data(), rows.data(), static_cast<int>(rows.size()));
           rows.clear();
         }
-        for (std::int64_t k = first; k < first + n; ++k) {
-          const float d = static_cast<float>(k) - c.mean;
-          plain[static_cast<std::size_t>(k - first)] += c.weight * std::exp(-(d * d) / c.sigma);
-        }
+        addPlainTerms(c, first, 1.0f, &plain);
       }
       addTermRows(fast.data(), rows.data(), static_cast<int>(rows.size()));
-      for (std::int64_t k = 0; k < n; ++k) {
-        ASSERT_TRUE(same(fast.data()[k], plain[static_cast<std::size_t>(k)]))
-            << "round " << round << " bin " << first + k << ": " << fast.data()[k] << " vs "
-            << plain[static_cast<std::size_t>(k)];
-      }
+      ASSERT_EQ(firstDifference(fast.data(), plain, first), "") << "round " << round;
     }
-  }
-  useWideVectors(true);
+  });
 }
 
 // The memo's table for a sigma holds exactly the library's exponentials.
