@@ -4,10 +4,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <omp.h>
+
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <new>
 #include <utility>
+#include <vector>
 
 #include "localization/map_allocator.h"
 
@@ -59,6 +64,26 @@ class FileDescriptor {
   int fd_;
 };
 
+// Reads up to `length` bytes at `offset` into dst, as many as the file
+// holds there; false when a read fails.
+bool readRange(int fd, char* dst, std::size_t offset, std::size_t length, std::size_t* got) {
+  std::size_t done = 0;
+  while (done < length) {
+    const ssize_t n = pread(fd, dst + done, length - done, static_cast<off_t>(offset + done));
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    if (n == 0) break;  // the file shrank since fstat
+    done += static_cast<std::size_t>(n);
+  }
+  *got = done;
+  return true;
+}
+
+// A large file is read in this many bytes or more per thread.
+constexpr std::size_t kBytesPerReader = std::size_t{32} << 20;
+
 }  // namespace
 
 FileReadStatus readWholeFile(const std::string& path, std::int64_t max_bytes, MapFileBuffer* out) {
@@ -72,15 +97,28 @@ FileReadStatus readWholeFile(const std::string& path, std::int64_t max_bytes, Ma
   if (st.st_size > max_bytes) return FileReadStatus::kTooLarge;
 
   MapFileBuffer buffer(static_cast<std::size_t>(st.st_size));
+  // Copying out of the page cache is the kernel's work on the reading
+  // thread, so a large file is read as consecutive parts by the team at
+  // once. The result is the parts up to the first short one: a file that
+  // shrinks while it is read yields a prefix of what was there.
+  const std::size_t size = buffer.size();
+  const int readers = static_cast<int>(
+      std::max<std::size_t>(1, std::min<std::size_t>(size / kBytesPerReader, omp_get_max_threads())));
+  const std::size_t part = (size + static_cast<std::size_t>(readers) - 1) / static_cast<std::size_t>(readers);
+  std::vector<std::size_t> got(static_cast<std::size_t>(readers), 0);
+  std::atomic<bool> failed{false};
+#pragma omp parallel for num_threads(readers) schedule(static, 1) if (readers > 1)
+  for (int r = 0; r < readers; ++r) {
+    const std::size_t begin = std::min(size, part * static_cast<std::size_t>(r));
+    const std::size_t length = std::min(size - begin, part);
+    if (!readRange(fd.get(), buffer.data() + begin, begin, length, &got[static_cast<std::size_t>(r)]))
+      failed.store(true, std::memory_order_relaxed);
+  }
+  if (failed.load()) return FileReadStatus::kCannotRead;
   std::size_t done = 0;
-  while (done < buffer.size()) {
-    const ssize_t got = read(fd.get(), buffer.data() + done, buffer.size() - done);
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      return FileReadStatus::kCannotRead;
-    }
-    if (got == 0) break;  // the file shrank since fstat
-    done += static_cast<std::size_t>(got);
+  for (int r = 0; r < readers; ++r) {
+    done += got[static_cast<std::size_t>(r)];
+    if (got[static_cast<std::size_t>(r)] < part) break;
   }
   buffer.truncate(done);
   *out = std::move(buffer);

@@ -51,12 +51,13 @@ enum class FileReadStatus {
   kTooLarge,    // longer than the caller's limit; nothing was read
 };
 
-// Reads the whole regular file at `path` into `*out` with as few system
-// calls as the kernel allows. Files that are not regular (directories,
-// pipes, devices) are refused without blocking. A file that shrinks while
-// it is read yields the bytes that were there; one that grows yields its
-// length at the start. A file longer than `max_bytes` is refused before any
-// memory is taken.
+// Reads the whole regular file at `path` into `*out`; a file of 64 MiB or
+// more is read in consecutive parts by the OpenMP team at once (at least
+// 32 MiB a thread). Files that are not regular (directories, pipes,
+// devices) are refused without blocking. A file that shrinks while it is
+// read yields a prefix of the bytes that were there; one that grows yields
+// its length at the start. A file longer than `max_bytes` is refused before
+// any memory is taken.
 FileReadStatus readWholeFile(const std::string& path, std::int64_t max_bytes, MapFileBuffer* out);
 
 }  // namespace internal
