@@ -1,17 +1,14 @@
 #include "localization/lossy_body.h"
 
 #include <omp.h>
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
-#include <thread>
 #include <vector>
 
 #include "localization/cell_preparation.h"
+#include "localization/lossy_cell_decoder.h"
 #include "localization/parallel_split.h"
 #include "localization/streaming_store.h"
 
@@ -104,23 +101,8 @@ std::int64_t encodeBody(const GridMatrix& matrix, const CellScales& scales, char
 
 namespace {
 
-// Waits for another thread of the team to publish progress: spins briefly,
-// then yields, so that a machine busy with other work is not made busier.
-template <class Ready>
-void waitUntil(Ready ready) {
-  for (int spins = 0; !ready(); ++spins) {
-    if (spins < 2048) {
-#if defined(__SSE2__)
-      _mm_pause();
-#endif
-    } else {
-      std::this_thread::yield();
-    }
-  }
-}
-
-// Records are handed over between the threads of a load in chunks of this
-// many: 512 KiB of cells.
+// Records are drawn by the threads of a load in chunks of this many: 512
+// KiB of cells.
 constexpr std::size_t kChunkRecords = 8192;
 
 // The positions whose index entries one chunk may write. Chunk c owns
@@ -162,18 +144,14 @@ struct RangeResult {
   bool index_complete = true;  // every record's index entry was written
 };
 
-// Decodes records [begin, end) into cells [begin, end) and, within `owned`,
-// their index entries. Cells below `kept` were there before the load and
-// are updated field by field; the others are written whole. Stops at the
-// first record naming a position outside the grid.
-RangeResult decodeRange(const char* src, std::size_t begin, std::size_t end, std::size_t grid,
-                        OwnedPositions owned, const CellScales& scales, bool prepare,
-                        std::size_t kept, MCell* cells, std::int32_t* index) {
+// Writes the index entries of records [begin, end) that lie within
+// `owned`. Stops at the first record naming a position outside the grid.
+RangeResult indexRange(const char* src, std::size_t begin, std::size_t end, std::size_t grid,
+                       OwnedPositions owned, std::int32_t* index) {
   RangeResult result;
   std::int64_t previous = owned.begin - 1;
   for (std::size_t i = begin; i < end; ++i) {
-    const char* record = src + i * kRecordBytes;
-    const std::uint32_t position = decodeRecordPosition(record);
+    const std::uint32_t position = decodeRecordPosition(src + i * kRecordBytes);
     if (position >= grid) {
       result.position_in_grid = false;
       return result;
@@ -184,17 +162,21 @@ RangeResult decodeRange(const char* src, std::size_t begin, std::size_t end, std
     } else {
       result.index_complete = false;
     }
-    if (i < kept) {
-      decodeCellRecord(record, scales, &cells[i]);
-      if (prepare) internal::prepareCell(cells[i]);
-    } else {
-      MCell cell;
-      decodeCellRecord(record, scales, &cell);
-      if (prepare) internal::prepareCell(cell);
-      internal::streamStore64(&cells[i], &cell);
-    }
   }
   return result;
+}
+
+// Decodes records [begin, end) into cells [begin, end). Cells below `kept`
+// were there before the load and are updated field by field, keeping their
+// padding; the others are written whole.
+void cellRange(const char* src, std::size_t begin, std::size_t end, const CellScales& scales,
+               const CellDecoder& decoder, bool prepare, std::size_t kept, MCell* cells) {
+  std::size_t i = begin;
+  for (; i < end && i < kept; ++i) {
+    decodeCellRecord(src + i * kRecordBytes, scales, &cells[i]);
+    if (prepare) internal::prepareCell(cells[i]);
+  }
+  if (i < end) decoder.decodeCells(src + i * kRecordBytes, end - i, cells + i);
 }
 
 }  // namespace
@@ -221,54 +203,45 @@ MapLoadStatus decodeBody(const char* src, std::uint32_t records, const CellScale
   const std::size_t kept = cells.size();
   cells.reserve(count);
 
-  // A load writes hundreds of megabytes of fresh memory. The container
-  // constructs new cells (faulting their pages in and zeroing them) one at
-  // a time on one thread, and the decode can only write constructed cells;
-  // so the two run as a pipeline over chunks of records. Thread 0 grows the
-  // cells chunk by chunk; thread 1 (thread 0 where the team has one thread)
-  // fills the index with -1; then every thread decodes constructed chunks
-  // in the order it draws them, thread 0 joining once all cells exist.
-  // Growing within the reserved capacity never moves the storage, so `out`
-  // stays valid, and a chunk is decoded only after its construction has
-  // been published.
+  // A load writes hundreds of megabytes of fresh memory, so every byte is
+  // written once, by the team: the new cells and the index entries are
+  // left unconstructed here, the team fills the index with -1, and after a
+  // barrier every thread decodes chunks of records in the order it draws
+  // them. Every new cell is written whole by its chunk. If a record names a
+  // position outside the grid, the chunks after it are skipped and both
+  // arrays are released below, so no unwritten cell is ever read.
   //
   // Which thread decodes a chunk changes nothing in the result: every cell
   // depends on its own record alone, and each index entry is written by the
   // one chunk that owns its position (ownedPositions), or by the replay in
   // record order below.
+  internal::growLeftForWriter(cells, count - kept);
+  internal::growLeftForWriter(index, grid);
   MCell* const out = cells.data();
+  std::int32_t* const idx = index.data();
+  const CellDecoder decoder(scales, prepare);
   const std::size_t chunks = (count + kChunkRecords - 1) / kChunkRecords;
   const bool heads_increase = chunkHeadsIncrease(src, chunks);
-  std::atomic<bool> index_ready{false};
-  std::atomic<std::size_t> constructed{kept};
   std::atomic<std::size_t> next_chunk{0};
   std::atomic<bool> in_grid{true};
   std::atomic<bool> index_complete{true};
 #pragma omp parallel
   {
-    const int thread = omp_get_thread_num();
-    if (thread == 1 || omp_get_num_threads() == 1) {
-      index.assign(grid, -1);
-      index_ready.store(true, std::memory_order_release);
-    }
-    if (thread == 0) {
-      for (std::size_t end = kept; end < count;) {
-        end = std::min(end + kChunkRecords, count);
-        cells.resize(end);
-        constructed.store(end, std::memory_order_release);
-      }
-    }
-    waitUntil([&] { return index_ready.load(std::memory_order_acquire); });
-    std::int32_t* const idx = index.data();
+    const WorkRange fill = staticSplit(static_cast<std::int64_t>(grid), omp_get_num_threads(), omp_get_thread_num());
+    std::fill(idx + fill.begin, idx + fill.end, -1);
+#pragma omp barrier
     for (std::size_t c = next_chunk.fetch_add(1); c < chunks; c = next_chunk.fetch_add(1)) {
       if (!in_grid.load(std::memory_order_relaxed)) continue;
       const std::size_t begin = c * kChunkRecords;
       const std::size_t end = std::min(begin + kChunkRecords, count);
-      waitUntil([&] { return constructed.load(std::memory_order_acquire) >= end; });
       const OwnedPositions owned = ownedPositions(src, c, chunks, count, grid, heads_increase);
-      const RangeResult r = decodeRange(src, begin, end, grid, owned, scales, prepare, kept, out, idx);
-      if (!r.position_in_grid) in_grid.store(false, std::memory_order_relaxed);
+      const RangeResult r = indexRange(src, begin, end, grid, owned, idx);
+      if (!r.position_in_grid) {
+        in_grid.store(false, std::memory_order_relaxed);
+        continue;
+      }
       if (!r.index_complete) index_complete.store(false, std::memory_order_relaxed);
+      cellRange(src, begin, end, scales, decoder, prepare, kept, out);
     }
     internal::fenceStreamedStores();
   }
@@ -283,7 +256,6 @@ MapLoadStatus decodeBody(const char* src, std::uint32_t records, const CellScale
     // order so that the later record wins. Every position was checked
     // against the grid above.
     std::fill(index.begin(), index.end(), -1);
-    std::int32_t* const idx = index.data();
     for (std::size_t i = 0; i < count; ++i) {
       idx[decodeRecordPosition(src + i * kRecordBytes)] = static_cast<std::int32_t>(i);
     }

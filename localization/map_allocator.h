@@ -38,6 +38,8 @@
 #include <cstddef>
 #include <limits>
 #include <new>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace zorvane {
@@ -68,10 +70,15 @@ std::size_t spareMapBytes();
 // by their first write as usual. Never changes the bytes.
 void prefaultMapBytes(void* p, std::size_t bytes);
 
+// Passed to MapAllocator::construct, leaves the element's bytes as they
+// are: see growLeftForWriter.
+struct LeftForWriter {};
+
 }  // namespace internal
 
 // std::allocator for the map's arrays, with their memory from
-// allocateMapBytes. Elements are initialised by the containers as usual.
+// allocateMapBytes. Elements are initialised by the containers as usual,
+// except through growLeftForWriter.
 template <class T>
 struct MapAllocator {
   using value_type = T;
@@ -85,6 +92,13 @@ struct MapAllocator {
     return static_cast<T*>(internal::allocateMapBytes(n * sizeof(T)));
   }
   void deallocate(T* p, std::size_t n) noexcept { internal::releaseMapBytes(p, n * sizeof(T)); }
+
+  template <class U, class... Args>
+  void construct(U* p, Args&&... args) {
+    ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+  }
+  template <class U>
+  void construct(U*, internal::LeftForWriter) noexcept {}
 };
 
 template <class T, class U>
@@ -99,6 +113,24 @@ bool operator!=(const MapAllocator<T>&, const MapAllocator<U>&) noexcept {
 // Contiguous sequence used for every large array of matrices and tables.
 template <class T>
 using MapVector = std::vector<T, MapAllocator<T>>;
+
+namespace internal {
+
+// Grows `v` by `n` elements without constructing them: their bytes are
+// whatever the storage held. For a caller that writes every new element
+// whole before anything reads the array, as the loader does with hundreds
+// of megabytes of cells, where constructing them first would write every
+// byte twice. T must be trivially copyable and trivially destructible.
+// Precondition: v.capacity() - v.size() >= n, so that the storage neither
+// moves nor grows and nothing else is constructed, copied or allocated.
+template <class T>
+void growLeftForWriter(MapVector<T>& v, std::size_t n) {
+  static_assert(std::is_trivially_copyable<T>::value && std::is_trivially_destructible<T>::value,
+                "only bytes may be left for the writer");
+  for (std::size_t i = 0; i < n; ++i) v.emplace_back(LeftForWriter{});
+}
+
+}  // namespace internal
 
 }  // namespace localization
 }  // namespace zorvane

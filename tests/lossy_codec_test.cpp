@@ -1,7 +1,11 @@
 // The zvmap quantisation rules: rounding and saturation of each rule, and
-// every stored step read back and stored again. Byte order and the record
+// every stored step read back and stored again; the loader's bulk cell
+// decoder against the rules record by record. Byte order and the record
 // layout are checked through whole files (grid_map_lossy_test.cpp).
 #include "localization/lossy_format.h"
+
+#include "localization/cell_preparation.h"
+#include "localization/lossy_cell_decoder.h"
 
 #include <gtest/gtest.h>
 
@@ -100,6 +104,34 @@ TEST(WeightRuleTest, StoresTheFirstWeightsShareIn255thsAndReadsAPairSummingToOne
     decodeWeight(static_cast<std::uint8_t>(b), &w0, &w1);
     ASSERT_EQ(bits(w1), bits(1.0f - w0)) << b;
     ASSERT_EQ(encodeWeight(w0, w1), b) << b;
+  }
+}
+
+// Random records (every weight byte, any 16-bit step) under ordinary and
+// extreme scales: every bit of each cell as decodeCellRecord and
+// prepareCell give it, padding zero.
+TEST(CellDecoderTest, GivesTheRecordRulesBitsAndZeroPadding) {
+  const CellScales scales[] = {
+      {0.01f, 0.01f, 0.01f, 0.01f, -40.0f, -2.5f},
+      {0.0f, 1e-30f, 3.0e38f, -0.5f, kInf, kNaN},  // 0/0, subnormal, overflow, NaN
+      {1e-41f, 7.0f, 1e-3f, 1.0f, -1e30f, 1e-40f},
+  };
+  std::mt19937 rng(11);
+  std::vector<char> records(4099 * kRecordBytes);
+  for (char& c : records) c = static_cast<char>(rng());
+  const std::size_t n = records.size() / kRecordBytes;
+  for (const CellScales& s : scales) {
+    for (const bool prepare : {false, true}) {
+      std::vector<MCell> got(n);
+      std::memset(static_cast<void*>(got.data()), 0xA5, n * sizeof(MCell));
+      CellDecoder(s, prepare).decodeCells(records.data(), n, got.data());
+      for (std::size_t i = 0; i < n; ++i) {
+        MCell want;
+        decodeCellRecord(records.data() + i * kRecordBytes, s, &want);
+        if (prepare) prepareCell(want);
+        ASSERT_EQ(std::memcmp(&got[i], &want, sizeof(MCell)), 0) << "record " << i << ", prepare " << prepare;
+      }
+    }
   }
 }
 
