@@ -9,6 +9,7 @@
 #include "common/console.h"
 #include "localization/lossy_body.h"
 #include "localization/lossy_format.h"
+#include "localization/lossy_record_source.h"
 #include "localization/map_file_buffer.h"
 
 namespace zorvane {
@@ -103,20 +104,20 @@ int GridMapLossy::addBodyBinary(char* buf) {
   return getBodyBinarySize();
 }
 
-MapLoadStatus GridMapLossy::decodeBodyRecords(const char* buf, bool prepare) {
+MapLoadStatus GridMapLossy::decodeBodyRecords(const lossy::RecordSource& source, bool prepare) {
   const std::uint32_t records = body_size_ / lossy::kRecordBytes;
   if (records > lossy::kMaxCells ||
       !lossy::isLoadableGeometry(matrix_.rows_, matrix_.cols_, matrix_.grid_size_, records)) {
     dropMatrix();
     return MapLoadStatus::kDimensionsOutOfRange;
   }
-  const MapLoadStatus status = lossy::decodeBody(buf, records, cellScales(), prepare, &matrix_);
+  const MapLoadStatus status = lossy::decodeBody(source, records, cellScales(), prepare, &matrix_);
   if (status != MapLoadStatus::kOk) dropMatrix();
   return status;
 }
 
 int GridMapLossy::loadBodyBinary(char* buf) {
-  const MapLoadStatus status = decodeBodyRecords(buf, /*prepare=*/false);
+  const MapLoadStatus status = decodeBodyRecords(lossy::MemoryRecords(buf), /*prepare=*/false);
   internal::printLoadStatusLine(status, std::string());
   return getBodyBinarySize();
 }
@@ -169,6 +170,16 @@ MapLoadResult GridMapLossy::loadFile(const std::string& path, bool prepare, bool
     if (print) internal::printLoadStatusLine(status, path);
     return result;
   };
+  // A map of exactly this class runs this class's codec and size
+  // operations, so the load can decode without printing, straight out of
+  // the file and, when the length check will pass, straight into prepared
+  // form: the same bits as reading the cells raw and then running
+  // runPreCalc, with one pass over hundreds of megabytes of cells fewer. A
+  // subclass goes through its own virtual operations step by step on the
+  // whole file in memory, and they print their own lines.
+  if (typeid(*this) == typeid(GridMapLossy)) {
+    return finish(loadExactly(path, prepare, print, &result.partial_record));
+  }
 
   internal::MapFileBuffer file;
   switch (internal::readWholeFile(path, lossy::kMaxFileBytes, &file)) {
@@ -189,27 +200,9 @@ MapLoadResult GridMapLossy::loadFile(const std::string& path, bool prepare, bool
     return finish(startsWithMagic(buf, length) ? MapLoadStatus::kTruncatedHeader
                                                : MapLoadStatus::kNotAMapFile);
   }
-
-  // A map of exactly this class runs this class's codec and size
-  // operations, so the load can decode without printing and, when the
-  // length check will pass, straight into prepared form: the same bits as
-  // reading the cells raw and then running runPreCalc, with one pass over
-  // hundreds of megabytes of cells fewer. A subclass goes through its own
-  // virtual operations step by step, and they print their own lines.
-  const bool exact = typeid(*this) == typeid(GridMapLossy);
-  int h;
-  if (exact) {
-    lossy::Header header;
-    if (!lossy::decodeHeader(buf, &header)) return finish(MapLoadStatus::kNotAMapFile);
-    applyHeader(header);
-    result.partial_record = !lossy::bodyIsWholeRecords(header);
-    if (print && result.partial_record) internal::printPartialRecordLine();
-    h = lossy::kHeaderBytes;
-  } else {
-    h = loadHeaderBinary(buf);
-    if (h <= 0) return finish(MapLoadStatus::kNotAMapFile);
-    result.partial_record = body_size_ % lossy::kRecordBytes != 0;
-  }
+  const int h = loadHeaderBinary(buf);
+  if (h <= 0) return finish(MapLoadStatus::kNotAMapFile);
+  result.partial_record = body_size_ % lossy::kRecordBytes != 0;
 
   // The body parser reads every whole record the header declares,
   // unchecked: they must lie inside the file.
@@ -218,30 +211,66 @@ MapLoadResult GridMapLossy::loadFile(const std::string& path, bool prepare, bool
     dropMatrix();
     return finish(MapLoadStatus::kTruncatedBody);
   }
-
-  int b;
-  if (exact) {
-    const bool prepare_now = prepare && records > 0 && h + lossy::kRecordBytes * records == length;
-    const MapLoadStatus status = decodeBodyRecords(buf + h, prepare_now);
-    if (status != MapLoadStatus::kOk) return finish(status);
-    b = getBodyBinarySize();
-  } else {
-    const bool geometry_ok =
-        records <= lossy::kMaxCells &&
-        lossy::isLoadableGeometry(matrix_.rows_, matrix_.cols_, matrix_.grid_size_,
-                                  static_cast<std::uint64_t>(records));
-    b = loadBodyBinary(buf + h);  // prints its own refusals
-    if (b <= 0 && records > 0) {
-      result.status =
-          geometry_ok ? MapLoadStatus::kPositionOutOfRange : MapLoadStatus::kDimensionsOutOfRange;
-      return result;
-    }
+  const bool geometry_ok = records <= lossy::kMaxCells &&
+                           lossy::isLoadableGeometry(matrix_.rows_, matrix_.cols_, matrix_.grid_size_,
+                                                     static_cast<std::uint64_t>(records));
+  const int b = loadBodyBinary(buf + h);  // prints its own refusals
+  if (b <= 0 && records > 0) {
+    result.status = geometry_ok ? MapLoadStatus::kPositionOutOfRange : MapLoadStatus::kDimensionsOutOfRange;
+    return result;
   }
   if (b <= 0) return finish(MapLoadStatus::kNoCells);
 
   if (addLengths(h, b) != length) return finish(MapLoadStatus::kSizeMismatch);
   if (prepare) matrix_.runPreCalc();
   return finish(MapLoadStatus::kOk);
+}
+
+MapLoadStatus GridMapLossy::loadExactly(const std::string& path, bool prepare, bool print,
+                                        bool* partial_record) {
+  internal::MapFile file;
+  switch (file.open(path, lossy::kMaxFileBytes)) {
+    case internal::FileReadStatus::kOk:
+      break;
+    case internal::FileReadStatus::kCannotRead:
+      return MapLoadStatus::kCannotRead;
+    case internal::FileReadStatus::kTooLarge:
+      return MapLoadStatus::kFileTooLarge;
+  }
+  // All lengths below fit in 32 bits: the file is at most kMaxFileBytes.
+  const auto length = static_cast<std::int64_t>(file.size());
+
+  // A file shorter than a header is judged on the bytes it has. Without the
+  // magic it is not a map file at all.
+  char header_bytes[lossy::kHeaderBytes];
+  std::size_t got = 0;
+  if (!file.read(0, sizeof header_bytes, header_bytes, &got)) return MapLoadStatus::kCannotRead;
+  if (got < sizeof header_bytes) {
+    return startsWithMagic(header_bytes, static_cast<std::int64_t>(got)) ? MapLoadStatus::kTruncatedHeader
+                                                                         : MapLoadStatus::kNotAMapFile;
+  }
+  lossy::Header header;
+  if (!lossy::decodeHeader(header_bytes, &header)) return MapLoadStatus::kNotAMapFile;
+  applyHeader(header);
+  *partial_record = !lossy::bodyIsWholeRecords(header);
+  if (print && *partial_record) internal::printPartialRecordLine();
+
+  // Every whole record the header declares must lie inside the file.
+  const int h = lossy::kHeaderBytes;
+  const std::int64_t records = body_size_ / lossy::kRecordBytes;
+  if (h > length || records * lossy::kRecordBytes > length - h) {
+    dropMatrix();
+    return MapLoadStatus::kTruncatedBody;
+  }
+  const bool prepare_now = prepare && records > 0 && h + lossy::kRecordBytes * records == length;
+  const MapLoadStatus status = decodeBodyRecords(lossy::FileRecords(file, h), prepare_now);
+  if (status != MapLoadStatus::kOk) return status;
+  const int b = getBodyBinarySize();
+  if (b <= 0) return MapLoadStatus::kNoCells;
+
+  if (addLengths(h, b) != length) return MapLoadStatus::kSizeMismatch;
+  if (prepare) matrix_.runPreCalc();
+  return MapLoadStatus::kOk;
 }
 
 }  // namespace localization

@@ -29,6 +29,7 @@ namespace localization {
 namespace lossy {
 struct CellScales;
 struct Header;
+class RecordSource;
 }  // namespace lossy
 
 class GridMapLossy : public GridMapBase {
@@ -163,11 +164,15 @@ class GridMapLossy : public GridMapBase {
   // file); precalculated_ false.
   void dropMatrix();
   // The body reader behind loadBodyBinary and load: decodes body_size_ / 22
-  // records at `buf`, optionally straight into prepared form. Prints
+  // records from `source`, optionally straight into prepared form. Prints
   // nothing; on a refusal the matrix is dropped.
-  MapLoadStatus decodeBodyRecords(const char* buf, bool prepare);
+  MapLoadStatus decodeBodyRecords(const lossy::RecordSource& source, bool prepare);
   // ReadFromFile and load; `print` selects the console lines of ReadFromFile.
   MapLoadResult loadFile(const std::string& path, bool prepare, bool print);
+  // loadFile for a map of exactly this class: the records are decoded out
+  // of the file a run at a time, never held whole. Prints only the
+  // partial-record line (with `print`); the caller prints the status.
+  MapLoadStatus loadExactly(const std::string& path, bool prepare, bool print, bool* partial_record);
 };
 
 }  // namespace localization

@@ -116,42 +116,87 @@ struct OwnedPositions {
   std::int64_t end = 0;
 };
 
-OwnedPositions ownedPositions(const char* src, std::size_t chunk, std::size_t chunks,
-                              std::size_t count, std::size_t grid, bool heads_increase) {
+OwnedPositions ownedPositions(const std::vector<std::uint32_t>& heads, std::size_t chunk,
+                              std::size_t grid, bool heads_increase) {
   if (!heads_increase) return {};
-  const std::size_t first = chunk * kChunkRecords;
-  const std::size_t next = first + kChunkRecords;
   OwnedPositions owned;
-  owned.begin = decodeRecordPosition(src + first * kRecordBytes);
-  owned.end = chunk + 1 < chunks && next < count
-                  ? static_cast<std::int64_t>(decodeRecordPosition(src + next * kRecordBytes))
-                  : static_cast<std::int64_t>(grid);
+  owned.begin = heads[chunk];
+  owned.end = chunk + 1 < heads.size() ? static_cast<std::int64_t>(heads[chunk + 1])
+                                       : static_cast<std::int64_t>(grid);
   return owned;
 }
 
-bool chunkHeadsIncrease(const char* src, std::size_t chunks) {
-  std::int64_t previous = -1;
+// The first record's position of every chunk, or the source's failure.
+MapLoadStatus chunkHeads(const RecordSource& source, std::size_t chunks, std::vector<std::uint32_t>* heads) {
+  char scratch[kRecordBytes];
+  MapLoadStatus failure = MapLoadStatus::kOk;
   for (std::size_t c = 0; c < chunks; ++c) {
-    const std::int64_t head = decodeRecordPosition(src + c * kChunkRecords * kRecordBytes);
-    if (head <= previous) return false;
-    previous = head;
+    const char* record = source.fetch(c * kChunkRecords, 1, scratch, &failure);
+    if (record == nullptr) return failure;
+    (*heads)[c] = decodeRecordPosition(record);
+  }
+  return MapLoadStatus::kOk;
+}
+
+bool strictlyIncrease(const std::vector<std::uint32_t>& heads) {
+  for (std::size_t c = 1; c < heads.size(); ++c) {
+    if (heads[c] <= heads[c - 1]) return false;
   }
   return true;
 }
+
+// What stopped a parallel decode, as one value whichever thread saw what:
+// a failed read before a short source before a position outside the grid.
+class FirstFailure {
+ public:
+  void note(MapLoadStatus status) {
+    const int rank = rankOf(status);
+    int seen = rank_.load(std::memory_order_relaxed);
+    while (rank > seen && !rank_.compare_exchange_weak(seen, rank, std::memory_order_relaxed)) {
+    }
+  }
+  bool any() const { return rank_.load(std::memory_order_relaxed) != 0; }
+  MapLoadStatus status() const {
+    switch (rank_.load()) {
+      case 3:
+        return MapLoadStatus::kCannotRead;
+      case 2:
+        return MapLoadStatus::kTruncatedBody;
+      case 1:
+        return MapLoadStatus::kPositionOutOfRange;
+      default:
+        return MapLoadStatus::kOk;
+    }
+  }
+
+ private:
+  static int rankOf(MapLoadStatus status) {
+    switch (status) {
+      case MapLoadStatus::kCannotRead:
+        return 3;
+      case MapLoadStatus::kTruncatedBody:
+        return 2;
+      default:
+        return 1;
+    }
+  }
+  std::atomic<int> rank_{0};
+};
 
 struct RangeResult {
   bool position_in_grid = true;
   bool index_complete = true;  // every record's index entry was written
 };
 
-// Writes the index entries of records [begin, end) that lie within
-// `owned`. Stops at the first record naming a position outside the grid.
-RangeResult indexRange(const char* src, std::size_t begin, std::size_t end, std::size_t grid,
+// Writes the index entries of records [begin, end), the run at `run`, that
+// lie within `owned`. Stops at the first record naming a position outside
+// the grid.
+RangeResult indexRange(const char* run, std::size_t begin, std::size_t end, std::size_t grid,
                        OwnedPositions owned, std::int32_t* index) {
   RangeResult result;
   std::int64_t previous = owned.begin - 1;
   for (std::size_t i = begin; i < end; ++i) {
-    const std::uint32_t position = decodeRecordPosition(src + i * kRecordBytes);
+    const std::uint32_t position = decodeRecordPosition(run + (i - begin) * kRecordBytes);
     if (position >= grid) {
       result.position_in_grid = false;
       return result;
@@ -166,28 +211,44 @@ RangeResult indexRange(const char* src, std::size_t begin, std::size_t end, std:
   return result;
 }
 
-// Decodes records [begin, end) into cells [begin, end). Cells below `kept`
-// were there before the load and are updated field by field, keeping their
-// padding; the others are written whole.
-void cellRange(const char* src, std::size_t begin, std::size_t end, const CellScales& scales,
+// Decodes records [begin, end), the run at `run`, into cells [begin, end).
+// Cells below `kept` were there before the load and are updated field by
+// field, keeping their padding; the others are written whole.
+void cellRange(const char* run, std::size_t begin, std::size_t end, const CellScales& scales,
                const CellDecoder& decoder, bool prepare, std::size_t kept, MCell* cells) {
   std::size_t i = begin;
   for (; i < end && i < kept; ++i) {
-    decodeCellRecord(src + i * kRecordBytes, scales, &cells[i]);
+    decodeCellRecord(run + (i - begin) * kRecordBytes, scales, &cells[i]);
     if (prepare) internal::prepareCell(cells[i]);
   }
-  if (i < end) decoder.decodeCells(src + i * kRecordBytes, end - i, cells + i);
+  if (i < end) decoder.decodeCells(run + (i - begin) * kRecordBytes, end - i, cells + i);
 }
 
 }  // namespace
 
 MapLoadStatus decodeBody(const char* src, std::uint32_t records, const CellScales& scales,
                          bool prepare, GridMatrix* matrix) {
+  return decodeBody(MemoryRecords(src), records, scales, prepare, matrix);
+}
+
+MapLoadStatus decodeBody(const RecordSource& source, std::uint32_t records, const CellScales& scales,
+                         bool prepare, GridMatrix* matrix) {
   matrix->precalculated_ = false;
   MapVector<std::int32_t>& index = matrix->index_;
   MapVector<MCell>& cells = matrix->cells_;
   const std::size_t grid = matrix->grid_size_;
   const std::size_t count = records;
+  const auto refuse = [&](MapLoadStatus status) {
+    MapVector<std::int32_t>().swap(index);
+    MapVector<MCell>().swap(cells);
+    return status;
+  };
+
+  const std::size_t chunks = (count + kChunkRecords - 1) / kChunkRecords;
+  std::vector<std::uint32_t> heads(chunks);
+  const MapLoadStatus heads_read = chunkHeads(source, chunks, &heads);
+  if (heads_read != MapLoadStatus::kOk) return refuse(heads_read);
+  const bool heads_increase = strictlyIncrease(heads);
 
   // No entry of an earlier load survives, so a block too small for the new
   // grid is released before the new one is taken: growing it would copy
@@ -198,18 +259,23 @@ MapLoadStatus decodeBody(const char* src, std::uint32_t records, const CellScale
 
   // Cells beyond the new count are dropped; cells that stay keep their
   // storage and padding and are updated field by field. All memory is
-  // reserved here, outside the parallel region.
+  // reserved here, outside the parallel region, with a run of records'
+  // room for each thread that may have to read them.
   if (cells.size() > count) cells.resize(count);
   const std::size_t kept = cells.size();
   cells.reserve(count);
+  const int max_team = omp_get_max_threads();
+  std::vector<std::vector<char>> scratch(static_cast<std::size_t>(max_team),
+                                         std::vector<char>(kChunkRecords * kRecordBytes));
 
   // A load writes hundreds of megabytes of fresh memory, so every byte is
   // written once, by the team: the new cells and the index entries are
   // left unconstructed here, the team fills the index with -1, and after a
   // barrier every thread decodes chunks of records in the order it draws
-  // them. Every new cell is written whole by its chunk. If a record names a
-  // position outside the grid, the chunks after it are skipped and both
-  // arrays are released below, so no unwritten cell is ever read.
+  // them. Every new cell is written whole by its chunk. If a chunk cannot
+  // be had or names a position outside the grid, the chunks after it are
+  // skipped and both arrays are released below, so no unwritten cell is
+  // ever read.
   //
   // Which thread decodes a chunk changes nothing in the result: every cell
   // depends on its own record alone, and each index entry is written by the
@@ -220,44 +286,55 @@ MapLoadStatus decodeBody(const char* src, std::uint32_t records, const CellScale
   MCell* const out = cells.data();
   std::int32_t* const idx = index.data();
   const CellDecoder decoder(scales, prepare);
-  const std::size_t chunks = (count + kChunkRecords - 1) / kChunkRecords;
-  const bool heads_increase = chunkHeadsIncrease(src, chunks);
   std::atomic<std::size_t> next_chunk{0};
-  std::atomic<bool> in_grid{true};
+  FirstFailure failure;
   std::atomic<bool> index_complete{true};
-#pragma omp parallel
+#pragma omp parallel num_threads(max_team)
   {
-    const WorkRange fill = staticSplit(static_cast<std::int64_t>(grid), omp_get_num_threads(), omp_get_thread_num());
+    const int thread = omp_get_thread_num();
+    const WorkRange fill = staticSplit(static_cast<std::int64_t>(grid), omp_get_num_threads(), thread);
     std::fill(idx + fill.begin, idx + fill.end, -1);
+    char* const room = scratch[static_cast<std::size_t>(thread)].data();
 #pragma omp barrier
     for (std::size_t c = next_chunk.fetch_add(1); c < chunks; c = next_chunk.fetch_add(1)) {
-      if (!in_grid.load(std::memory_order_relaxed)) continue;
+      if (failure.any()) continue;
       const std::size_t begin = c * kChunkRecords;
       const std::size_t end = std::min(begin + kChunkRecords, count);
-      const OwnedPositions owned = ownedPositions(src, c, chunks, count, grid, heads_increase);
-      const RangeResult r = indexRange(src, begin, end, grid, owned, idx);
+      MapLoadStatus missing = MapLoadStatus::kOk;
+      const char* run = source.fetch(begin, end - begin, room, &missing);
+      if (run == nullptr) {
+        failure.note(missing);
+        continue;
+      }
+      const OwnedPositions owned = ownedPositions(heads, c, grid, heads_increase);
+      const RangeResult r = indexRange(run, begin, end, grid, owned, idx);
       if (!r.position_in_grid) {
-        in_grid.store(false, std::memory_order_relaxed);
+        failure.note(MapLoadStatus::kPositionOutOfRange);
         continue;
       }
       if (!r.index_complete) index_complete.store(false, std::memory_order_relaxed);
-      cellRange(src, begin, end, scales, decoder, prepare, kept, out);
+      cellRange(run, begin, end, scales, decoder, prepare, kept, out);
     }
     internal::fenceStreamedStores();
   }
+  if (failure.any()) return refuse(failure.status());
 
-  if (!in_grid.load()) {
-    MapVector<std::int32_t>().swap(index);
-    MapVector<MCell>().swap(cells);
-    return MapLoadStatus::kPositionOutOfRange;
-  }
   if (!index_complete.load()) {
     // Positions out of order, or named twice: replay the index in record
-    // order so that the later record wins. Every position was checked
-    // against the grid above.
+    // order so that the later record wins. The records are fetched again,
+    // so their positions are checked again: a file may have changed since.
     std::fill(index.begin(), index.end(), -1);
-    for (std::size_t i = 0; i < count; ++i) {
-      idx[decodeRecordPosition(src + i * kRecordBytes)] = static_cast<std::int32_t>(i);
+    char* const room = scratch[0].data();
+    for (std::size_t begin = 0; begin < count; begin += kChunkRecords) {
+      const std::size_t end = std::min(begin + kChunkRecords, count);
+      MapLoadStatus missing = MapLoadStatus::kOk;
+      const char* run = source.fetch(begin, end - begin, room, &missing);
+      if (run == nullptr) return refuse(missing);
+      for (std::size_t i = begin; i < end; ++i) {
+        const std::uint32_t position = decodeRecordPosition(run + (i - begin) * kRecordBytes);
+        if (position >= grid) return refuse(MapLoadStatus::kPositionOutOfRange);
+        idx[position] = static_cast<std::int32_t>(i);
+      }
     }
   }
   matrix->precalculated_ = prepare;

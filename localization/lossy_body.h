@@ -7,6 +7,7 @@
 
 #include "localization/grid_matrix.h"
 #include "localization/lossy_format.h"
+#include "localization/lossy_record_source.h"
 #include "localization/map_load_status.h"
 
 namespace zorvane {
@@ -41,6 +42,15 @@ std::int64_t encodeBody(const GridMatrix& matrix, const CellScales& scales, char
 // Throws std::bad_alloc, before any parallel work, when the memory for the
 // cells or the index cannot be had.
 MapLoadStatus decodeBody(const char* src, std::uint32_t records, const CellScales& scales,
+                         bool prepare, GridMatrix* matrix);
+
+// The same, with the records fetched from `source` a run at a time. Also
+// returns the source's failure, kTruncatedBody or kCannotRead, when it
+// cannot give every record (a file that shrank or failed while it was
+// read); the matrix is then left as for kPositionOutOfRange. Whichever
+// thread meets which failure, a failed read is reported before a short
+// source, and both before a position outside the grid.
+MapLoadStatus decodeBody(const RecordSource& source, std::uint32_t records, const CellScales& scales,
                          bool prepare, GridMatrix* matrix);
 
 }  // namespace lossy

@@ -1,11 +1,14 @@
-// Memory for the large arrays of a map: the file buffer of a load, the cells
-// and position index, and the look-up table sequences. This is the one place
-// that decides how such memory is obtained and first touched; MapVector and
-// MapFileBuffer both take it from here.
+// Memory for the large arrays of a map: the cells and position index, the
+// look-up table sequences, and whole-file buffers (saves, and loads by
+// subclasses). This is the one place that decides how such memory is
+// obtained and first touched; MapVector and MapFileBuffer both take it from
+// here.
 //
-// Start-up of a vehicle is one fresh process writing about 2 GB of fresh
-// memory (file buffer, cells and index, table) exactly once, and most of
-// that time is the kernel faulting pages in and zeroing them. The choice
+// Start-up of a vehicle is one fresh process writing about 1.6 GB of fresh
+// memory (cells and index, table) exactly once, and a large part of that
+// time is the kernel faulting pages in and zeroing them. (A load decodes
+// out of the file a run of records at a time, so it takes no file-sized
+// buffer.) The choice
 // below was made by the start-up benchmark's distributions (fresh
 // processes, bench/README.md), not by a warmed-up loop:
 //  - Large blocks are mapped straight from the kernel (already zero, no
@@ -23,12 +26,13 @@
 //    to compact or obtain, and that stall lands on start-up. A vehicle
 //    needs the predictable one.
 //  - One released large block of up to kSpareLimitBytes is kept mapped and
-//    handed to the next large allocation, zeroed by the team: a start-up
-//    frees the file buffer (209 MB for the 10 M-cell map) just before the
-//    table takes 0.9 GB, and pages this process has already faulted in
-//    cost a memset instead of a fault and the kernel's zeroing each. The
-//    spare stays resident until it is reused or replaced by a larger one,
-//    so a process holds at most kSpareLimitBytes more than its arrays.
+//    handed to the next large allocation, zeroed by the team: a producer
+//    that saves a map (a file-sized buffer) and then builds its table, or
+//    a process that loads a second map, reuses pages it has already
+//    faulted in, at the cost of a memset instead of a fault and the
+//    kernel's zeroing each. The spare stays resident until it is reused or
+//    replaced by a larger one, so a process holds at most kSpareLimitBytes
+//    more than its arrays.
 // Small blocks come from the ordinary heap. A vector grown element by
 // element holds its whole capacity resident; the map's arrays are sized
 // exactly.

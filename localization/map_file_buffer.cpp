@@ -47,39 +47,39 @@ void MapFileBuffer::release() noexcept {
   allocated_ = 0;
 }
 
-namespace {
+MapFile::~MapFile() {
+  if (fd_ >= 0) close(fd_);
+}
 
-// Closes the descriptor on every path.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  ~FileDescriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  int get() const { return fd_; }
+FileReadStatus MapFile::open(const std::string& path, std::int64_t max_bytes) {
+  // O_NONBLOCK: opening a FIFO without a writer must not wait for one. It
+  // has no effect on reads of regular files, the only kind accepted.
+  fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd_ < 0) return FileReadStatus::kCannotRead;
+  struct stat st;
+  if (fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode)) return FileReadStatus::kCannotRead;
+  if (st.st_size < 0) return FileReadStatus::kCannotRead;
+  if (st.st_size > max_bytes) return FileReadStatus::kTooLarge;
+  size_ = static_cast<std::size_t>(st.st_size);
+  return FileReadStatus::kOk;
+}
 
- private:
-  int fd_;
-};
-
-// Reads up to `length` bytes at `offset` into dst, as many as the file
-// holds there; false when a read fails.
-bool readRange(int fd, char* dst, std::size_t offset, std::size_t length, std::size_t* got) {
+bool MapFile::read(std::size_t offset, std::size_t length, char* dst, std::size_t* got) const {
   std::size_t done = 0;
   while (done < length) {
-    const ssize_t n = pread(fd, dst + done, length - done, static_cast<off_t>(offset + done));
+    const ssize_t n = pread(fd_, dst + done, length - done, static_cast<off_t>(offset + done));
     if (n < 0) {
       if (errno == EINTR) continue;
       return false;
     }
-    if (n == 0) break;  // the file shrank since fstat
+    if (n == 0) break;  // the file shrank since open()
     done += static_cast<std::size_t>(n);
   }
   *got = done;
   return true;
 }
+
+namespace {
 
 // A large file is read in this many bytes or more per thread.
 constexpr std::size_t kBytesPerReader = std::size_t{32} << 20;
@@ -87,16 +87,11 @@ constexpr std::size_t kBytesPerReader = std::size_t{32} << 20;
 }  // namespace
 
 FileReadStatus readWholeFile(const std::string& path, std::int64_t max_bytes, MapFileBuffer* out) {
-  // O_NONBLOCK: opening a FIFO without a writer must not wait for one. It
-  // has no effect on reads of regular files, the only kind accepted.
-  FileDescriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (fd.get() < 0) return FileReadStatus::kCannotRead;
-  struct stat st;
-  if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return FileReadStatus::kCannotRead;
-  if (st.st_size < 0) return FileReadStatus::kCannotRead;
-  if (st.st_size > max_bytes) return FileReadStatus::kTooLarge;
+  MapFile file;
+  const FileReadStatus opened = file.open(path, max_bytes);
+  if (opened != FileReadStatus::kOk) return opened;
 
-  MapFileBuffer buffer(static_cast<std::size_t>(st.st_size));
+  MapFileBuffer buffer(file.size());
   // Copying out of the page cache is the kernel's work on the reading
   // thread, so a large file is read as consecutive parts by the team at
   // once. The result is the parts up to the first short one: a file that
@@ -111,7 +106,7 @@ FileReadStatus readWholeFile(const std::string& path, std::int64_t max_bytes, Ma
   for (int r = 0; r < readers; ++r) {
     const std::size_t begin = std::min(size, part * static_cast<std::size_t>(r));
     const std::size_t length = std::min(size - begin, part);
-    if (!readRange(fd.get(), buffer.data() + begin, begin, length, &got[static_cast<std::size_t>(r)]))
+    if (!file.read(begin, length, buffer.data() + begin, &got[static_cast<std::size_t>(r)]))
       failed.store(true, std::memory_order_relaxed);
   }
   if (failed.load()) return FileReadStatus::kCannotRead;

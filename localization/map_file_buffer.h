@@ -51,6 +51,35 @@ enum class FileReadStatus {
   kTooLarge,    // longer than the caller's limit; nothing was read
 };
 
+// A regular file opened for reading at offsets, for a caller that reads it
+// in parts instead of whole. Not copyable; the descriptor is closed by the
+// destructor.
+class MapFile {
+ public:
+  MapFile() = default;
+  MapFile(const MapFile&) = delete;
+  MapFile& operator=(const MapFile&) = delete;
+  ~MapFile();
+
+  // Opens the file at `path` and notes its length. kCannotRead when it
+  // cannot be opened or is not a regular file (directories, pipes and
+  // devices are refused without blocking); kTooLarge when it is longer
+  // than `max_bytes`. Call once.
+  FileReadStatus open(const std::string& path, std::int64_t max_bytes);
+
+  // The length at open().
+  std::size_t size() const { return size_; }
+
+  // Reads up to `length` bytes at `offset` into `dst`: as many as the file
+  // holds there now (fewer when it has shrunk since open), their number in
+  // *got. False when a read fails. Safe to call from several threads.
+  bool read(std::size_t offset, std::size_t length, char* dst, std::size_t* got) const;
+
+ private:
+  int fd_ = -1;
+  std::size_t size_ = 0;
+};
+
 // Reads the whole regular file at `path` into `*out`; a file of 64 MiB or
 // more is read in consecutive parts by the OpenMP team at once (at least
 // 32 MiB a thread). Files that are not regular (directories, pipes,
