@@ -1,5 +1,6 @@
-"""Broken and hostile files raise OSError or ValueError, never crash. The
-corpus mirrors the C++ hostile-file tests, built here from bytes."""
+"""Broken and hostile files raise OSError or ValueError with the reason, one
+file for each reason; every distinct corruption is the C++ hostile-file
+corpus's (and its fuzz target's)."""
 
 import os
 import struct
@@ -26,9 +27,6 @@ def with_body_size(data, body_size):
     return data[:41] + struct.pack("<I", body_size) + data[45:]
 
 
-# One file for each reason a load is refused: the corpus of every distinct
-# corruption is the C++ hostile-file suite; here it is enough that each
-# reason reaches Python as a ValueError naming the file.
 REFUSED = [
     ("one wrong byte of magic", b"zvmaP" + EXAMPLE_FILE[5:], "wrong magic"),
     ("header cut at 60 bytes", header()[:60], "truncated inside the 61-byte header"),
@@ -41,12 +39,11 @@ REFUSED = [
 
 
 @pytest.mark.parametrize("name, data, words", REFUSED, ids=[c[0] for c in REFUSED])
-@pytest.mark.parametrize("prepare", [True, False])
-def test_broken_files_raise_value_error_with_the_reason(tmp_path, name, data, words, prepare):
+def test_broken_files_raise_value_error_with_the_reason(tmp_path, name, data, words):
     path = tmp_path / "hostile.zvmap"
     path.write_bytes(data)
     with pytest.raises(ValueError, match=f"cannot load map file '{path}': .*({words})"):
-        zorvane.Map.read(path, prepare=prepare)
+        zorvane.Map.read(path)
 
 
 def test_whole_records_of_a_partial_body_load_with_a_warning(tmp_path):
@@ -71,62 +68,9 @@ def test_files_that_cannot_be_read_raise_os_error(tmp_path):
             zorvane.Map.read(path)
 
 
-@pytest.mark.skipif(os.geteuid() == 0, reason="root reads files whatever their mode")
-def test_unreadable_file_raises_permission_error(tmp_path):
-    path = tmp_path / "locked.zvmap"
-    path.write_bytes(EXAMPLE_FILE)
-    path.chmod(0)
-    with pytest.raises(PermissionError):
-        zorvane.Map.read(path)
-
-
 def test_file_beyond_the_signed_32_bit_lengths_is_refused_unread(tmp_path):
     path = tmp_path / "sparse.zvmap"
     path.write_bytes(EXAMPLE_FILE)
     os.truncate(path, 1 << 31)
     with pytest.raises(ValueError, match="larger than any zvmap file"):
         zorvane.Map.read(path)
-
-
-def mutations(data, count, seed):
-    """Seeded mutations of `data`: byte flips, overwritten header fields,
-    cuts and appended bytes, as a fuzzer would make them."""
-    import random
-    rng = random.Random(seed)
-    for _ in range(count):
-        b = bytearray(data)
-        for _ in range(rng.randint(1, 4)):
-            kind = rng.randrange(4)
-            if kind == 0 and b:
-                b[rng.randrange(len(b))] = rng.randrange(256)
-            elif kind == 1 and len(b) >= 61:
-                at = rng.choice([5, 9, 13, 41, 45, 49, 53, 57])
-                b[at:at + 4] = struct.pack("<I", rng.choice(
-                    [0, 1, 22, 0x7fffffff, 0x80000000, 0xffffffff, rng.randrange(1 << 32)]))
-            elif kind == 2:
-                del b[rng.randrange(len(b) + 1):]
-            else:
-                b += bytes(rng.randrange(256) for _ in range(rng.randrange(1, 30)))
-        yield bytes(b)
-
-
-def test_mutated_files_load_or_raise_and_never_crash(tmp_path):
-    """Map.read's fuzzing in the interpreter the module runs in: every
-    mutated file either loads a map whose index names only its cells, or
-    raises OSError or ValueError."""
-    seeds = [EXAMPLE_FILE, with_records(4, 5, [0, 3, 7, 19]), with_records(2, 3, [1, 1, 4])]
-    path = tmp_path / "mutated.zvmap"
-    loaded = refused = 0
-    for k, seed in enumerate(seeds):
-        for data in mutations(seed, 400, seed=k):
-            path.write_bytes(data)
-            try:
-                m = zorvane.Map.read(str(path), prepare=bool(k % 2))
-            except (OSError, ValueError):
-                refused += 1
-                continue
-            loaded += 1
-            index = m.index
-            assert index.shape == (m.rows, m.cols)
-            assert index.min(initial=-1) >= -1 and index.max(initial=-1) < len(m.cells)
-    assert loaded > 0 and refused > 0

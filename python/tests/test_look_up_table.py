@@ -63,7 +63,6 @@ def test_table_arrays_are_owned_by_the_table():
     (True, (2**31,), "level must be at least 1"),
     (True, (4, 0.0), "must be positive finite"),
     (True, (4, 0.15, float("nan")), "must be positive finite"),
-    (True, (4, 0.15, -1.0), "must be positive finite"),
 ])
 def test_bad_requests_are_refused(prepare, arguments, words):
     m = random_map(seed=11)

@@ -19,12 +19,9 @@ def record_bytes(cells):
     return cells.view(np.uint8).reshape(-1, 64)[:, :52].tobytes()
 
 
-def test_cell_dtype_matches_the_64_byte_record():
-    dt = zorvane.CELL_DTYPE
-    assert dt.itemsize == 64
-    assert [dt.fields[n][1] for n in dt.names] == [0, 8, 16, 24, 32, 40, 48]
-    assert all(dt[n] == np.dtype(("<f4", (2,))) for n in dt.names[:6])
-    assert dt["aux_value"] == np.dtype("<f4")
+def test_coarse_cell_dtype_names_the_16_byte_record():
+    # CELL_DTYPE's fields are shown by the example map's bytes
+    # (test_map_files.py); the coarse records are only compared whole there.
     cd = zorvane.COARSE_CELL_DTYPE
     assert cd.itemsize == 16
     assert [(n, str(cd[n]), cd.fields[n][1]) for n in cd.names] == [
