@@ -21,6 +21,7 @@
 #include "localization/look_up_table_histogram.h"
 #include "tools/reference/plain_look_up_table.h"
 #include "tools/reference/synthetic_map.h"
+#include "tests/support/map_files.h"
 #include "tests/support/team_size.h"
 
 namespace {
@@ -29,6 +30,7 @@ using namespace zorvane::localization;
 using zorvane::reference::plainLookUpTable;
 using zorvane::reference::makeSyntheticMap;
 using lut::bitsOf;
+using zorvane::testing::sameTable;
 
 const float kInf = std::numeric_limits<float>::infinity();
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -38,31 +40,6 @@ template <class Fn>
 auto withThreads(int threads, Fn&& fn) {
   zorvane::testing::ScopedTeamSize team(threads);
   return fn();
-}
-
-// Every field, every record and every float of both sequences, as bits
-// (NaN sign and payload are not part of the result).
-::testing::AssertionResult sameTable(const GridMatrixTable& a, const GridMatrixTable& b) {
-  const auto fail = [](const std::string& what) { return ::testing::AssertionFailure() << what; };
-  const auto fields = [](const GridMatrixTable& t) {
-    return std::make_tuple(bitsOf(t.resolution_), t.grid_size_, t.cols_, t.rows_, t.offset_x_, t.offset_y_,
-                           bitsOf(t.height_step_), bitsOf(t.value_step_), bitsOf(t.prob_scale_), bitsOf(t.prob_floor_));
-  };
-  if (fields(a) != fields(b)) return fail("geometry, steps or probabilities");
-  if (a.coarse_cells_.size() != b.coarse_cells_.size()) return fail("number of records");
-  for (std::size_t p = 0; p < a.coarse_cells_.size(); ++p) {
-    if (std::memcmp(&a.coarse_cells_[p], &b.coarse_cells_[p], sizeof(MCellCoarse)) != 0)
-      return fail("record " + std::to_string(p));
-  }
-  for (const auto& [name, x, y] : {std::make_tuple("value_table_", &a.value_table_, &b.value_table_),
-                                   std::make_tuple("height_table_", &a.height_table_, &b.height_table_)}) {
-    if (x->size() != y->size()) return fail(std::string(name) + " size");
-    for (std::size_t k = 0; k < x->size(); ++k) {
-      if (!(std::isnan((*x)[k]) && std::isnan((*y)[k])) && bitsOf((*x)[k]) != bitsOf((*y)[k]))
-        return fail(std::string(name) + "[" + std::to_string(k) + "]");
-    }
-  }
-  return ::testing::AssertionSuccess();
 }
 
 // A matrix with the given geometry, every position empty.
@@ -219,69 +196,53 @@ TEST(LookUpTableExact, RandomAndSyntheticMatricesMatchThePlainBuilder) {
 
 // measureLookUpTable counts exactly what the builder then allocates; its
 // work is the bins of each block times the block's cells, counted here by
-// brute force over the built table's records.
+// brute force over the built table's records. The budgeted builder offers
+// that extent, and builds the same table when it is accepted; refused, it
+// leaves the bins unallocated.
 TEST(LookUpTableExtent, MeasuredCountsEqualTheBuiltTable) {
   std::vector<Case> cases;
   for (std::uint64_t seed = 1; seed <= 60; ++seed) cases.push_back(randomCase(seed));
   auto map = makeSyntheticMap(97, 83, 5);
   map.matrix.runPreCalc();
   cases.push_back({map.matrix, 4, 0.15f, 1.0f});
+  const auto counts = [](const LookUpTableExtent& e) { return std::make_tuple(e.records, e.value_bins, e.height_bins, e.work); };
   for (std::size_t i = 0; i < cases.size(); ++i) {
     const Case& c = cases[i];
-    const GridMatrixTable t = c.matrix.getLookUpTable(c.factor, c.height_step, c.value_step);
-    std::uint64_t work = 0;  // bins of each record times the cells of its block
-    for (std::int64_t p = 0; p < static_cast<std::int64_t>(c.matrix.index_.size()); ++p) {
-      const std::int32_t e = c.matrix.index_[static_cast<std::size_t>(p)];
-      if (e < 0 || static_cast<std::size_t>(e) >= c.matrix.cells_.size() || t.grid_size_ == 0) continue;
+    const GridMatrix& m = c.matrix;
+    const GridMatrixTable t = m.getLookUpTable(c.factor, c.height_step, c.value_step);
+    std::uint64_t work = 0;
+    for (std::int64_t p = 0; p < static_cast<std::int64_t>(m.index_.size()) && t.grid_size_ > 0; ++p) {
+      const std::int32_t e = m.index_[static_cast<std::size_t>(p)];
+      if (e < 0 || static_cast<std::size_t>(e) >= m.cells_.size()) continue;
       const auto block = [&](std::int64_t v, int offset, std::int64_t table_offset) {
         return static_cast<std::int64_t>(std::floor(static_cast<double>(v - offset) / c.factor)) + table_offset;
       };
-      const std::int64_t x = block(p % c.matrix.cols_, c.matrix.offset_x_, t.offset_x_);
-      const std::int64_t y = block(p / c.matrix.cols_, c.matrix.offset_y_, t.offset_y_);
+      const std::int64_t x = block(p % m.cols_, m.offset_x_, t.offset_x_), y = block(p / m.cols_, m.offset_y_, t.offset_y_);
       if (x < 0 || y < 0 || x >= t.cols_ || y >= t.rows_) continue;
       const MCellCoarse& r = t.coarse_cells_[static_cast<std::size_t>(y * t.cols_ + x)];
       work += static_cast<std::uint64_t>(r.value_bins) + r.height_bins;
     }
+    const auto want = std::make_tuple(std::uint64_t{t.grid_size_}, std::uint64_t{t.value_table_.size()},
+                                      std::uint64_t{t.height_table_.size()}, work);
     for (int threads : {1, 3}) {
-      const LookUpTableExtent e =
-          withThreads(threads, [&] { return measureLookUpTable(c.matrix, c.factor, c.height_step, c.value_step); });
-      EXPECT_EQ(std::make_tuple(e.records, e.value_bins, e.height_bins, e.work),
-                std::make_tuple(std::uint64_t{t.grid_size_}, std::uint64_t{t.value_table_.size()},
-                                std::uint64_t{t.height_table_.size()}, work))
+      EXPECT_EQ(counts(withThreads(threads, [&] { return measureLookUpTable(m, c.factor, c.height_step, c.value_step); })),
+                want)
           << "case " << i << ", " << threads << " threads";
     }
-  }
-  // The budgeted builder offers the same extent, and builds the same table
-  // when it is accepted; refused, it leaves the bins unallocated.
-  for (std::size_t i = 0; i < cases.size(); i += 7) {
-    const Case& c = cases[i];
-    const LookUpTableExtent want = measureLookUpTable(c.matrix, c.factor, c.height_step, c.value_step);
     for (bool yes : {true, false}) {
+      if (i % 7 != 0) break;
       LookUpTableExtent offered;
-      GridMatrixTable t;
-      const bool built = buildLookUpTableWithin(
-          c.matrix, c.factor, c.height_step, c.value_step,
-          [&](const LookUpTableExtent& e) {
-            offered = e;
-            return yes;
-          },
-          &t);
-      EXPECT_EQ(built, yes);
-      EXPECT_EQ(std::make_tuple(offered.records, offered.value_bins, offered.height_bins, offered.work),
-                std::make_tuple(want.records, want.value_bins, want.height_bins, want.work))
+      GridMatrixTable built;
+      const auto decide = [&](const LookUpTableExtent& e) { return offered = e, yes; };
+      EXPECT_EQ(buildLookUpTableWithin(m, c.factor, c.height_step, c.value_step, decide, &built), yes);
+      EXPECT_EQ(counts(offered), want) << "case " << i;
+      EXPECT_TRUE(yes ? bool(sameTable(built, t)) : built.value_table_.capacity() + built.height_table_.capacity() == 0)
           << "case " << i;
-      if (yes) {
-        EXPECT_TRUE(sameTable(t, c.matrix.getLookUpTable(c.factor, c.height_step, c.value_step))) << "case " << i;
-      } else {
-        EXPECT_EQ(t.value_table_.capacity() + t.height_table_.capacity(), 0u) << "case " << i;
-      }
     }
   }
-
   GridMatrix unprepared = map.matrix;
   unprepared.precalculated_ = false;
-  const LookUpTableExtent none = measureLookUpTable(unprepared, 4, 0.15f, 1.0f);
-  EXPECT_EQ(none.records + none.value_bins + none.height_bins + none.work, 0u);
+  EXPECT_EQ(counts(measureLookUpTable(unprepared, 4, 0.15f, 1.0f)), counts(LookUpTableExtent()));
 }
 
 // ---------------------------------------------------------------------------

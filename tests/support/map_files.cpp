@@ -3,7 +3,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <fstream>
+#include <tuple>
 #include <iterator>
 
 
@@ -92,6 +94,26 @@ std::string redLine(const std::string& text) { return "\033[31m" + text + "\033[
     if (std::memcmp(&a.cells_[i], &b.cells_[i], offsetof(MCell, unused_)) != 0) {
       return ::testing::AssertionFailure() << "cell " << i << " differs";
     }
+  }
+  return ::testing::AssertionSuccess();
+}
+
+::testing::AssertionResult sameTable(const GridMatrixTable& a, const GridMatrixTable& b) {
+  const auto fields = [](const GridMatrixTable& t) {
+    return std::make_tuple(bits(t.resolution_), t.grid_size_, t.cols_, t.rows_, t.offset_x_, t.offset_y_,
+                           bits(t.height_step_), bits(t.value_step_), bits(t.prob_scale_), bits(t.prob_floor_),
+                           t.coarse_cells_.size(), t.value_table_.size(), t.height_table_.size());
+  };
+  if (fields(a) != fields(b)) return ::testing::AssertionFailure() << "geometry, steps or sizes";
+  if (!a.coarse_cells_.empty() &&
+      std::memcmp(a.coarse_cells_.data(), b.coarse_cells_.data(), a.coarse_cells_.size() * sizeof(MCellCoarse)) != 0)
+    return ::testing::AssertionFailure() << "records";
+  const auto same = [](float x, float y) { return (std::isnan(x) && std::isnan(y)) || bits(x) == bits(y); };
+  for (std::size_t k = 0; k < a.value_table_.size(); ++k) {
+    if (!same(a.value_table_[k], b.value_table_[k])) return ::testing::AssertionFailure() << "value bin " << k;
+  }
+  for (std::size_t k = 0; k < a.height_table_.size(); ++k) {
+    if (!same(a.height_table_[k], b.height_table_[k])) return ::testing::AssertionFailure() << "height bin " << k;
   }
   return ::testing::AssertionSuccess();
 }

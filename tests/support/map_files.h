@@ -66,6 +66,10 @@ inline bool saveCapturing(localization::GridMapLossy& map, const std::string& pa
 // Same geometry, flag, index, and cells bit for bit (padding excluded).
 ::testing::AssertionResult sameMatrix(const localization::GridMatrix& a,
                                       const localization::GridMatrix& b);
+// Every field, every record and every float of both sequences, as bits
+// (NaN sign and payload are not part of the result).
+::testing::AssertionResult sameTable(const localization::GridMatrixTable& a,
+                                     const localization::GridMatrixTable& b);
 
 }  // namespace testing
 }  // namespace zorvane
