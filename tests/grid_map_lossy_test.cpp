@@ -276,21 +276,6 @@ TEST(GridMapLossySaveTest, SavingALoadedMapWritesThePreparedNumbers) {
   EXPECT_EQ(Bytes(saved.begin(), saved.begin() + 70), Bytes(expected.begin(), expected.begin() + 70));
 }
 
-TEST(GridMapLossyReadTest, SecondLoadLeavesNoTraceOfTheFirst) {
-  HeaderFields h;
-  h.rows = 4;
-  h.cols = 5;
-  const std::string a = tempMapPath("first.zvmap"), b = tempMapPath("second.zvmap");
-  writeFileBytes(a, withRecords(h, {0, 3, 7, 8, 12, 19}));
-  h.rows = 2;
-  writeFileBytes(b, withRecords(h, {1, 8}));
-  GridMapLossy map, fresh;
-  std::string out;
-  ASSERT_TRUE(readCapturing(map, a, &out) && readCapturing(map, b, &out) && readCapturing(fresh, b, &out));
-  EXPECT_EQ(map.matrix().index_.size(), 10u);
-  EXPECT_TRUE(sameMatrix(map.matrix(), fresh.matrix()));
-}
-
 // A synthetic map of several load chunks: its cells lie on the quantisation
 // grid, so a save and load gives them back bit for bit, in prepared form,
 // whatever the team size; the silent load gives the same, or the raw cells.

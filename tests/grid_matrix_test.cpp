@@ -22,21 +22,12 @@ namespace {
 
 using testing::bits;
 
-MCell cellWith(float vs0, float vs1, float vw0, float vw1, float hs0, float hs1, float hw0,
-               float hw1) {
+// A cell with the given sigmas and weights (value then height, components
+// 0 and 1) and fixed means and aux_value.
+MCell cellWith(float vs0, float vs1, float vw0, float vw1, float hs0, float hs1, float hw0, float hw1) {
   MCell c;
-  c.value_sigma[0] = vs0;
-  c.value_sigma[1] = vs1;
-  c.value_weight[0] = vw0;
-  c.value_weight[1] = vw1;
-  c.height_sigma[0] = hs0;
-  c.height_sigma[1] = hs1;
-  c.height_weight[0] = hw0;
-  c.height_weight[1] = hw1;
-  c.value_mean[0] = 17.f;
-  c.value_mean[1] = 250.f;
-  c.height_mean[0] = -1.25f;
-  c.height_mean[1] = 3.5f;
+  const float fields[][2] = {{vs0, vs1}, {17.f, 250.f}, {vw0, vw1}, {hs0, hs1}, {-1.25f, 3.5f}, {hw0, hw1}};
+  std::memcpy(static_cast<void*>(&c), fields, sizeof fields);  // value_sigma .. height_weight, in order
   c.aux_value = 0.75f;
   return c;
 }
@@ -58,9 +49,7 @@ TEST(GridMatrixTest, ManualInitSetsGeometryOnlyAndWrapsTheProduct) {
   EXPECT_EQ(std::make_tuple(m.resolution_, m.grid_size_, m.cols_, m.rows_, m.offset_x_, m.offset_y_),
             std::make_tuple(0.2f, 12u, 3, 4, -1, 2));
   EXPECT_TRUE(m.cells_.size() == 1 && m.index_.size() == 1 && m.precalculated_);
-  const std::tuple<int, int, std::uint32_t> products[] = {
-      {65536, 65536, 0u}, {-5, -3, 15u}, {-1, 1, 0xffffffffu}, {7, 0, 0u}};
-  for (const auto& [cols, rows, size] : products) {
+  for (const auto& [cols, rows, size] : {std::make_tuple(65536, 65536, 0u), {-5, -3, 15u}, {-1, 1, 0xffffffffu}}) {
     m.manualInit(0.15f, cols, rows, 0, 0);
     EXPECT_EQ(m.grid_size_, size) << cols << " x " << rows;
   }

@@ -84,30 +84,27 @@ TEST(LookUpTableExpLog, GlibcOnAnAvx2FmaProcessorGetsTheEightLaneForms) {
 #endif
 }
 
-TEST(LookUpTableExpLog, EightLaneExpIsTheLibrarysOnEveryExponentATableMeets) {
+// Exponents are -(d*d)/sigma: 0 down to -104 (below, the term is skipped),
+// densely; positive ones up to overflow, coarser; the neighbourhood of the
+// formula's limits and the special values too. Logarithms of every positive
+// float, densely.
+TEST(LookUpTableExpLog, EightLaneFormsAreTheLibrarysOnEveryArgumentATableMeets) {
   if (!vectorMathHere()) GTEST_SKIP() << "no AVX2 and FMA";
-  // Exponents are -(d*d)/sigma: 0 down to -104 (below, the term is skipped);
-  // the neighbourhood of the formula's limits and the special values too.
-  const std::vector<float> specials = {0.f,  -0.f, 88.72283f, 88.72284f, -103.27893f, -103.27894f, -103.972f,
-                                       -104.f, -1e-45f, 1e-45f, kInf, -kInf, kNaN, 1.f, -1.f, -87.33655f};
   const auto c_exp = [](float x) { return std::exp(x); };
+  const auto c_log = [](float x) { return std::log(x); };
+  const std::vector<float> exp_specials = {0.f, -0.f, 88.72283f, 88.72284f, -103.27893f, -103.27894f, -103.972f,
+                                           -104.f, -1e-45f, 1e-45f, kInf, -kInf, kNaN, 1.f, -1.f, -87.33655f};
+  const std::vector<float> log_specials = {0.f, -0.f, 1.f, kInf, -kInf, kNaN, -1.f, 1e-45f, 1.1754942e-38f,
+                                           1.1754944e-38f, std::nextafter(1.f, 2.f), std::nextafter(1.f, 0.f),
+                                           0.15f, 3.4028235e38f, 0.5f, 2.f};
   std::uint64_t count = 0;
   // Negative floats ascend in bits towards -inf.
-  EXPECT_EQ(mismatches(specials, bitsOf(-0.0f), bitsOf(-104.0f), strideOr(23), expEightForTesting, c_exp, &count),
+  EXPECT_EQ(mismatches(exp_specials, bitsOf(-0.0f), bitsOf(-104.0f), strideOr(23), expEightForTesting, c_exp,
+                       &count),
             std::vector<float>());
   EXPECT_GT(count, 45'000'000u);
-  // Positive arguments up to overflow, coarser.
   EXPECT_EQ(mismatches({}, 0u, bitsOf(89.f), strideOr(211), expEightForTesting, c_exp, &count), std::vector<float>());
-}
-
-TEST(LookUpTableExpLog, EightLaneLogIsTheLibrarysOnEveryPositiveFloat) {
-  if (!vectorMathHere()) GTEST_SKIP() << "no AVX2 and FMA";
-  const std::vector<float> specials = {0.f,  -0.f, 1.f,  kInf, -kInf, kNaN, -1.f, 1e-45f, 1.1754942e-38f,
-                                       1.1754944e-38f, std::nextafter(1.f, 2.f), std::nextafter(1.f, 0.f),
-                                       0.15f, 3.4028235e38f, 0.5f, 2.f};
-  std::uint64_t count = 0;
-  const auto c_log = [](float x) { return std::log(x); };
-  EXPECT_EQ(mismatches(specials, 0u, bitsOf(kInf), strideOr(41), logEightForTesting, c_log, &count),
+  EXPECT_EQ(mismatches(log_specials, 0u, bitsOf(kInf), strideOr(41), logEightForTesting, c_log, &count),
             std::vector<float>());
   EXPECT_GT(count, 50'000'000u);
 }

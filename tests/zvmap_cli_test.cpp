@@ -68,6 +68,14 @@ ToolRun zvmap(const std::vector<std::string>& args) {
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
+// Every one of `parts` somewhere in `text`.
+::testing::AssertionResult hasAll(const std::string& text, const std::vector<std::string>& parts) {
+  for (const std::string& part : parts) {
+    if (!contains(text, part)) return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
+  }
+  return ::testing::AssertionSuccess();
+}
+
 int countLines(const std::string& text) { return static_cast<int>(std::count(text.begin(), text.end(), '\n')); }
 
 // The map of these tests: the bundled map where the examples built it,
@@ -216,33 +224,24 @@ TEST(ZvmapCliTest, InfoReportsTheStoredMap) {
   const auto& m = loaded.matrix();
   const std::string cells = std::to_string(m.cells_.size());
   float lo = 1e30f, hi = -1e30f;
-  for (const MCell& c : m.cells_) {
-    lo = std::min(lo, c.height_sigma[1]);
-    hi = std::max(hi, c.height_sigma[1]);
-  }
+  for (const MCell& c : m.cells_) lo = std::min(lo, c.height_sigma[1]), hi = std::max(hi, c.height_sigma[1]);
 
   const ToolRun text = zvmap({"info", map});
-  EXPECT_EQ(text.status, 0);
-  EXPECT_EQ(text.err, "");
-  EXPECT_TRUE(contains(text.out, "geometry        500 cols x 500 rows = 250000 positions, offset x " +
-                                     std::to_string(m.offset_x_) + " y " + std::to_string(m.offset_y_) + "\n"))
-      << text.out;
-  EXPECT_TRUE(contains(text.out, "cells           " + cells + " (body " + std::to_string(22 * m.cells_.size())))
-      << text.out;
-  EXPECT_TRUE(contains(text.out, "file size       " + std::to_string(readFileBytes(map).size()) + " bytes"));
-  EXPECT_TRUE(contains(text.out, "  value_mean[0]     5               200 ")) << text.out;
+  EXPECT_TRUE(text.status == 0 && text.err.empty());
+  EXPECT_TRUE(hasAll(text.out, {"geometry        500 cols x 500 rows = 250000 positions, offset x " +
+                                    std::to_string(m.offset_x_) + " y " + std::to_string(m.offset_y_) + "\n",
+                                "cells           " + cells + " (body " + std::to_string(22 * m.cells_.size()),
+                                "file size       " + std::to_string(readFileBytes(map).size()) + " bytes",
+                                "  value_mean[0]     5               200 "}));
 
   const ToolRun json = zvmap({"info", map, "--json"});
   EXPECT_EQ(json.status, 0);
   ASSERT_EQ(countLines(json.out), 1);
-  EXPECT_EQ(json.out.front(), '{');
-  EXPECT_EQ(json.out.substr(json.out.size() - 2), "}\n");
-  EXPECT_TRUE(contains(json.out, "\"cells\":" + cells + ",")) << json.out;
-  EXPECT_TRUE(contains(json.out, "\"geometry\":{\"cols\":500,\"rows\":500,\"positions\":250000,")) << json.out;
-  EXPECT_TRUE(contains(json.out, "\"value_mean[0]\":{\"min\":5,\"max\":200,")) << json.out;
+  EXPECT_TRUE(json.out.front() == '{' && json.out.substr(json.out.size() - 2) == "}\n") << json.out;
   std::ostringstream sigma;
   sigma << "\"height_sigma[1]\":{\"min\":" << lo << ",\"max\":" << hi << ",";
-  EXPECT_TRUE(contains(json.out, sigma.str())) << sigma.str() << " in " << json.out;
+  EXPECT_TRUE(hasAll(json.out, {"\"cells\":" + cells + ",", "\"geometry\":{\"cols\":500,\"rows\":500,\"positions\":250000,",
+                                "\"value_mean[0]\":{\"min\":5,\"max\":200,", sigma.str()}));
 }
 
 // Hand-made maps on a 3 x 2 grid with finite origins.
@@ -293,7 +292,7 @@ TEST(ZvmapCliTest, CheckFindsWhatTheLoaderAccepts) {
     const std::string path = writeMap(c.name, c.records, c.height_base);
     const ToolRun run = zvmap({"check", path});
     EXPECT_EQ(run.status, c.status) << run.out;
-    for (const std::string& line : c.lines) EXPECT_TRUE(contains(run.out, line)) << line << " in\n" << run.out;
+    EXPECT_TRUE(hasAll(run.out, c.lines));
     if (c.status == 0) {
       EXPECT_EQ(run.err, "");
     } else {
@@ -448,22 +447,18 @@ TEST(ZvmapCliTest, DiffReportsHeaderAndCellDifferences) {
   writeFileBytes(other, nudged);
   const ToolRun quantised = zvmap({"diff", map, other});
   expectOneLineFailure(quantised, map, "differs from " + other);
-  EXPECT_TRUE(contains(quantised.out, "  tag: 0 | 9\n")) << quantised.out;
-  EXPECT_TRUE(contains(quantised.out, "  differing     1 of the common positions beyond quantisation\n"))
-      << quantised.out;
+  EXPECT_TRUE(hasAll(quantised.out, {"  tag: 0 | 9\n", "  differing     1 of the common positions beyond quantisation\n"}));
   const ToolRun exact = zvmap({"diff", map, other, "--tolerance", "exact"});
   EXPECT_EQ(exact.status, 1);
-  EXPECT_TRUE(contains(exact.out, "  differing     2 of the common positions\n    value_mean[0]: 2\n"))
-      << exact.out;
+  EXPECT_TRUE(hasAll(exact.out, {"  differing     2 of the common positions\n    value_mean[0]: 2\n"}));
 
   // Positions present in one map only, matched on the map-wide grid.
   const std::string a = writeMap("only_a", {{0, 0x11}, {4, 0x11}});
   const std::string b = writeMap("only_b", {{4, 0x11}, {5, 0x11}});
   const ToolRun one_side = zvmap({"diff", a, b});
   EXPECT_EQ(one_side.status, 1);
-  EXPECT_TRUE(contains(one_side.out, "  positions     1 in both, 1 only in A, 1 only in B\n")) << one_side.out;
-  EXPECT_TRUE(contains(one_side.out, "(0, 0) only in A")) << one_side.out;
-  EXPECT_TRUE(contains(one_side.out, "(2, 1) only in B")) << one_side.out;
+  EXPECT_TRUE(hasAll(one_side.out, {"  positions     1 in both, 1 only in A, 1 only in B\n", "(0, 0) only in A",
+                                    "(2, 1) only in B"}));
 }
 
 }  // namespace
