@@ -1,5 +1,6 @@
 #include "tests/support/map_bytes.h"
 
+#include <cstring>
 #include <string>
 
 #include "localization/little_endian.h"
@@ -12,18 +13,8 @@ using namespace localization;
 
 MCell exampleCell() {
   MCell c;
-  c.value_sigma[0] = 1.5f;
-  c.value_sigma[1] = 2.0f;
-  c.value_mean[0] = 20.f;
-  c.value_mean[1] = 100.6f;
-  c.value_weight[0] = 3.f;
-  c.value_weight[1] = 1.f;
-  c.height_sigma[0] = 0.05f;
-  c.height_sigma[1] = 0.123f;
-  c.height_mean[0] = -2.0f;
-  c.height_mean[1] = 0.5f;
-  c.height_weight[0] = 1.f;
-  c.height_weight[1] = 1.f;
+  const float fields[][2] = {{1.5f, 2.0f}, {20.f, 100.6f}, {3.f, 1.f}, {0.05f, 0.123f}, {-2.0f, 0.5f}, {1.f, 1.f}};
+  std::memcpy(static_cast<void*>(&c), fields, sizeof fields);  // value_sigma .. height_weight, in order
   c.aux_value = 1.25f;
   return c;
 }
@@ -60,11 +51,8 @@ HeaderFields::HeaderFields() {
   tag = 7;
   height_base = -4.0f;
   aux_value_base = 0.0f;
-  reference[0] = 1.0;
-  reference[1] = 2.0;
-  reference[2] = 3.0;
-  rows = 2;
-  cols = 3;
+  reference[0] = 1.0, reference[1] = 2.0, reference[2] = 3.0;
+  rows = 2, cols = 3;
 }
 
 Bytes headerBytes(const HeaderFields& h) {
