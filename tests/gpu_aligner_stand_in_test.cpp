@@ -126,8 +126,8 @@ TEST_F(StandIn, JudgesEachUploadAgainstTheLastConfigurations) {
   // 10 x 7 positions, offsets 5 and -3: at factor 4 the table has 3 x 2
   // positions, offsets 1 and -1, resolution 0.6 (0.15f * 4).
   const MatrixConfig full = {0.15f, 70, 10, 7, 5, -3}, level4 = {0.15f * 4.0f, 6, 3, 2, 1, -1};
-  const auto table = [&](MatrixConfig c) {
-    loc::cudaSetMatrixConfig(full);
+  const auto table = [&](MatrixConfig f, MatrixConfig c) {
+    loc::cudaSetMatrixConfig(f);
     loc::cudaSetMatrixConfigCoarse(c);
   };
   const auto with = [&](std::function<void(MatrixConfig&)> change) {
@@ -135,27 +135,18 @@ TEST_F(StandIn, JudgesEachUploadAgainstTheLastConfigurations) {
     change(c);
     return c;
   };
-  const auto geometry = [](MatrixConfig c, bool coarse_too) {
-    loc::cudaSetMatrixConfig(c);
-    if (coarse_too) loc::cudaSetMatrixConfigCoarse(c);
-  };
   struct Row {
     const char* what;
     std::function<void()> uploads;
     const char* flags;
   };
   const Row rows[] = {
-      {"cols x rows", [&] { geometry(config(3, 2), true); }, "111111"},
-      {"wrong grid_size", [&] { geometry({0.15f, 7, 3, 2, 0, 0}, false); }, "011111"},
-      {"negative, though the product is 0", [&] { geometry({0.15f, 0, -2, 0, 0, 0}, false); }, "011111"},
-      {"2^32 positions wrap to 0", [&] { geometry({0.15f, 0, 65536, 65536, 0, 0}, false); }, "011111"},
-      {"the largest grid", [&] { geometry({0.15f, 4294836225u, 65535, 65535, 0, 0}, false); }, "111111"},
-      {"coarse geometry checked too",
-       [&] {
-         loc::cudaSetMatrixConfig(config(3, 2));
-         loc::cudaSetMatrixConfigCoarse({0.3f, 7, 3, 2, -3, 7});
-       },
-       "011011"},
+      {"cols x rows, level 1 of itself", [&] { table(full, full); }, "111111"},
+      {"wrong grid_size", [&] { loc::cudaSetMatrixConfig({0.15f, 7, 3, 2, 0, 0}); }, "011111"},
+      {"negative, though the product is 0", [&] { loc::cudaSetMatrixConfig({0.15f, 0, -2, 0, 0, 0}); }, "011111"},
+      {"2^32 positions wrap to 0", [&] { loc::cudaSetMatrixConfig({0.15f, 0, 65536, 65536, 0, 0}); }, "011111"},
+      {"the largest grid", [&] { loc::cudaSetMatrixConfig({0.15f, 4294836225u, 65535, 65535, 0, 0}); }, "111111"},
+      {"coarse geometry checked too", [&] { table(config(3, 2), {0.3f, 7, 3, 2, -3, 7}); }, "011011"},
       {"index before any configuration", [&] { loc::cudaSetMatrixCells(nullptr, 0, six.data(), 6); }, "101111"},
       {"index of an earlier configuration",
        [&] {
@@ -167,23 +158,18 @@ TEST_F(StandIn, JudgesEachUploadAgainstTheLastConfigurations) {
       {"entries name cells", [&] { cells({1, -1, 0, -1}); }, "111111"},
       {"entry at the cell count", [&] { cells({1, -1, 0, 2}); }, "110111"},
       {"entry below -1", [&] { cells({1, -1, 0, -2}); }, "110111"},
-      {"level 4", [&] { table(level4); }, "111111"},
-      {"level 3", [&] { table({0.15f * 3.0f, 12, 4, 3, 1, -1}); }, "111111"},
-      {"cols rounded down", [&] { table(with([](MatrixConfig& c) { c.cols = 2, c.grid_size = 4; })); }, "111011"},
-      {"offset_x rounded up", [&] { table(with([](MatrixConfig& c) { c.offset_x = 2; })); }, "111011"},
-      {"offset_y truncated towards zero", [&] { table(with([](MatrixConfig& c) { c.offset_y = 0; })); }, "111011"},
+      {"level 4", [&] { table(full, level4); }, "111111"},
+      {"level 3", [&] { table(full, {0.15f * 3.0f, 12, 4, 3, 1, -1}); }, "111111"},
+      {"cols rounded down", [&] { table(full, with([](MatrixConfig& c) { c.cols = 2, c.grid_size = 4; })); }, "111011"},
+      {"offset_x rounded up", [&] { table(full, with([](MatrixConfig& c) { c.offset_x = 2; })); }, "111011"},
+      {"offset_y truncated towards zero", [&] { table(full, with([](MatrixConfig& c) { c.offset_y = 0; })); }, "111011"},
       {"resolution one step off",
-       [&] { table(with([](MatrixConfig& c) { c.resolution = std::nextafter(0.15f * 4.0f, 1.0f); })); }, "111011"},
-      {"finer than the matrix", [&] { table({0.075f, 280, 20, 14, 10, -6}); }, "111011"},
-      {"the empty table of an unprepared matrix", [&] { table({0.15f, 0, 0, 0, 0, 0}); }, "111011"},
+       [&] { table(full, with([](MatrixConfig& c) { c.resolution = std::nextafter(0.15f * 4.0f, 1.0f); })); }, "111011"},
+      {"finer than the matrix", [&] { table(full, {0.075f, 280, 20, 14, 10, -6}); }, "111011"},
+      {"the empty table of an unprepared matrix", [&] { table(full, {0.15f, 0, 0, 0, 0, 0}); }, "111011"},
       {"coarse before any configuration", [&] { loc::cudaSetMatrixConfigCoarse(level4); }, "111011"},
-      {"judged against the last full configuration",
-       [&] {
-         table(level4);
-         loc::cudaSetMatrixConfig({0.15f, 0, 0, 0, 0, 0});
-         loc::cudaSetMatrixConfigCoarse(level4);  // a table kept from an earlier map
-       },
-       "111011"},
+      {"judged against the last full configuration",  // a table kept from an earlier map
+       [&] { table(full, level4), table({0.15f, 0, 0, 0, 0, 0}, level4); }, "111011"},
       {"ranges end exactly at the table ends", [&] { bins(coarse(4, 0, 5, 0)); }, "111111"},
       {"empty ranges read nothing", [&] { bins(coarse(0, 900, 0, 900)); }, "111111"},
       {"value range one past its table", [&] { bins(coarse(2, 3, 1, 0)); }, "111101"},
