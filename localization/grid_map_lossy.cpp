@@ -215,7 +215,7 @@ MapLoadResult GridMapLossy::loadFile(const std::string& path, bool prepare, bool
                            lossy::isLoadableGeometry(matrix_.rows_, matrix_.cols_, matrix_.grid_size_,
                                                      static_cast<std::uint64_t>(records));
   const int b = loadBodyBinary(buf + h);  // prints its own refusals
-  if (b <= 0 && records > 0) {
+  if (b <= 0 && (records > 0 || !geometry_ok)) {
     result.status = geometry_ok ? MapLoadStatus::kPositionOutOfRange : MapLoadStatus::kDimensionsOutOfRange;
     return result;
   }
