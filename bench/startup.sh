@@ -2,7 +2,8 @@
 # Start-up benchmark: builds startup_bench in build/ (configuring it when
 # needed), generates the 10 M-cell synthetic map into build/ when missing,
 # and prints the table of fresh-process timings. Extra arguments go to
-# startup_bench (--runs N, --plain_runs M, --threads T, --only OPS).
+# startup_bench (--runs N, --plain_runs M, --threads T, --only OPS,
+# --settle S).
 #
 #   bash bench/startup.sh
 set -euo pipefail

@@ -5,7 +5,7 @@
 // touched and hides that cost and its spread.)
 //
 //   startup_bench [--runs N] [--plain_runs M] [--map PATH] [--threads T]
-//                 [--only OPS]
+//                 [--only OPS] [--settle S]
 //
 // Generates the synthetic 5000 x 5000 street map into PATH when it is
 // missing (default build/startup_map_5000.zvmap relative to the working
@@ -14,7 +14,10 @@
 // interleaved, each in a child process with OMP_NUM_THREADS=T (default 2),
 // and prints one table row per operation: min, median, p90 and max seconds
 // and the largest peak resident memory of the child. OPS is a comma list of
-// operation names (see kOperations) to run a subset.
+// operation names (see kOperations) to run a subset. Before each child the
+// driver waits S seconds (default 1): the kernel's work of tearing down the
+// previous child (up to 3.4 GB for the plain start-up) would otherwise fall
+// on the next one, and a vehicle starts on a machine that is not doing it.
 //
 // A child is this program again with --child OP: it does the untimed
 // preparation the operation needs (the load, for the table alone), times
@@ -35,6 +38,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/plain_map_loader.h"
@@ -240,7 +244,7 @@ bool ensureMap(const std::string& path) {
 }
 
 int driver(const std::string& self, const std::string& path, int runs, int plain_runs, int threads,
-           const std::string& only) {
+           const std::string& only, double settle) {
   if (!ensureMap(path)) {
     std::cerr << "cannot write " << path << "\n";
     return 1;
@@ -259,6 +263,7 @@ int driver(const std::string& self, const std::string& path, int runs, int plain
     for (const Operation* op : ops) {
       if (op->plain_is_slow && r >= plain_runs) continue;
       Sample s;
+      std::this_thread::sleep_for(std::chrono::duration<double>(settle));
       if (!runInChild(self, op->name, path, &s)) {
         std::cerr << "run " << r << " of " << op->name << " failed\n";
         return 1;
@@ -301,6 +306,7 @@ int driver(const std::string& self, const std::string& path, int runs, int plain
 int main(int argc, char** argv) {
   std::string child, path = "build/startup_map_5000.zvmap", only;
   int runs = 10, plain_runs = 3, threads = 2;
+  double settle = 1.0;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     const bool has_value = i + 1 < argc;
@@ -316,8 +322,11 @@ int main(int argc, char** argv) {
       threads = std::atoi(argv[++i]);
     } else if (arg == "--only" && has_value) {
       only = argv[++i];
+    } else if (arg == "--settle" && has_value) {
+      settle = std::atof(argv[++i]);
     } else {
-      std::cerr << "usage: startup_bench [--runs N] [--plain_runs M] [--map PATH] [--threads T] [--only OPS]\n";
+      std::cerr << "usage: startup_bench [--runs N] [--plain_runs M] [--map PATH] [--threads T] [--only OPS]"
+                   " [--settle S]\n";
       return 2;
     }
   }
@@ -331,5 +340,5 @@ int main(int argc, char** argv) {
   const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
   if (n <= 0) return 1;
   self[n] = '\0';
-  return zorvane::driver(self, path, runs, plain_runs, threads, only);
+  return zorvane::driver(self, path, runs, plain_runs, threads, only, settle);
 }

@@ -7,8 +7,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
-#include <mutex>
 
 #include "localization/parallel_split.h"
 
@@ -30,66 +28,6 @@ std::size_t paddedToPages(std::size_t bytes) {
   return (bytes + page - 1) / page * page;
 }
 
-// Zeroes [p, p + bytes), the work split over the team like prefaulting.
-void zeroMapBytes(void* p, std::size_t bytes) {
-  const auto chunks = static_cast<std::int64_t>((bytes + kPrefaultChunkBytes - 1) / kPrefaultChunkBytes);
-#pragma omp parallel if (chunks > 1)
-  {
-    const WorkRange range = staticSplit(chunks, omp_get_num_threads(), omp_get_thread_num());
-    const std::size_t from = static_cast<std::size_t>(range.begin) * kPrefaultChunkBytes;
-    const std::size_t to = std::min(bytes, static_cast<std::size_t>(range.end) * kPrefaultChunkBytes);
-    if (to > from) std::memset(static_cast<char*>(p) + from, 0, to - from);
-  }
-}
-
-// The spare block (see the header): at most one, page-padded size.
-std::mutex spare_mutex;
-void* spare = nullptr;
-std::size_t spare_bytes = 0;
-
-// Keeps [p, p + padded) as the spare if it is larger than the spare now
-// kept and not over the limit; gives back whichever block is not kept.
-void keepOrRelease(void* p, std::size_t padded) noexcept {
-  if (padded <= kSpareLimitBytes) {
-    const std::lock_guard<std::mutex> lock(spare_mutex);
-    if (padded > spare_bytes) {
-      std::swap(p, spare);
-      std::swap(padded, spare_bytes);
-    }
-  }
-  if (p != nullptr) munmap(p, padded);
-}
-
-// The spare block made into `padded` bytes, or nullptr when there is none
-// or it cannot be resized. A smaller spare is grown in place or moved by
-// the kernel (its pages move with it, the new ones are fresh); of a larger
-// one the head is taken and the tail stays the spare (a table takes its
-// small record array just before its large bins array).
-void* takeSpare(std::size_t padded) {
-  void* p = nullptr;
-  std::size_t have = 0;
-  {
-    const std::lock_guard<std::mutex> lock(spare_mutex);
-    std::swap(p, spare);
-    std::swap(have, spare_bytes);
-  }
-  if (p == nullptr) return nullptr;
-  if (have > padded) {
-    keepOrRelease(static_cast<char*>(p) + padded, have - padded);
-    have = padded;
-  } else if (have < padded) {
-    void* grown = mremap(p, have, padded, MREMAP_MAYMOVE);
-    if (grown == MAP_FAILED) {
-      munmap(p, have);
-      return nullptr;
-    }
-    p = grown;
-    prefaultMapBytes(static_cast<char*>(p) + have, padded - have);
-  }
-  zeroMapBytes(p, have);
-  return p;
-}
-
 }  // namespace
 
 void* allocateMapBytes(std::size_t bytes) {
@@ -101,7 +39,6 @@ void* allocateMapBytes(std::size_t bytes) {
   }
   const std::size_t padded = paddedToPages(bytes);
   if (padded < bytes) throw std::bad_alloc();
-  if (void* reused = takeSpare(padded)) return reused;
   void* p = mmap(nullptr, padded, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (p == MAP_FAILED) throw std::bad_alloc();
   // Ordinary pages even where the system hands out huge pages unasked (see
@@ -119,12 +56,7 @@ void releaseMapBytes(void* p, std::size_t bytes) noexcept {
     std::free(p);
     return;
   }
-  keepOrRelease(p, paddedToPages(bytes));
-}
-
-std::size_t spareMapBytes() {
-  const std::lock_guard<std::mutex> lock(spare_mutex);
-  return spare_bytes;
+  munmap(p, paddedToPages(bytes));
 }
 
 void prefaultMapBytes(void* p, std::size_t bytes) {

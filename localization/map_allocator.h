@@ -8,9 +8,9 @@
 // memory (cells and index, table) exactly once, and a large part of that
 // time is the kernel faulting pages in and zeroing them. (A load decodes
 // out of the file a run of records at a time, so it takes no file-sized
-// buffer.) The choice
-// below was made by the start-up benchmark's distributions (fresh
-// processes, bench/README.md), not by a warmed-up loop:
+// buffer.) The choices below were made by the start-up benchmark's
+// distributions (fresh processes, bench/README.md), not by a warmed-up
+// loop:
 //  - Large blocks are mapped straight from the kernel (already zero, no
 //    extra pass) and faulted in at once by the OpenMP team
 //    (MADV_POPULATE_WRITE, split over the threads), because every one of
@@ -24,15 +24,12 @@
 //    loader taking 1.02-1.54 s in the same interleaved runs. A huge page
 //    needs 2 MiB of contiguous free memory, which the kernel may first have
 //    to compact or obtain, and that stall lands on start-up. A vehicle
-//    needs the predictable one.
-//  - One released large block of up to kSpareLimitBytes is kept mapped and
-//    handed to the next large allocation, zeroed by the team: a producer
-//    that saves a map (a file-sized buffer) and then builds its table, or
-//    a process that loads a second map, reuses pages it has already
-//    faulted in, at the cost of a memset instead of a fault and the
-//    kernel's zeroing each. The spare stays resident until it is reused or
-//    replaced by a larger one, so a process holds at most kSpareLimitBytes
-//    more than its arrays.
+//    needs the predictable one. (Tried again with the file read in runs:
+//    loads of 0.09-0.10 s in 8 of 10 runs, but 0.34 s and 0.79 s in the
+//    others, against 0.17-0.18 s every time with ordinary pages.)
+//  - Released large blocks go straight back to the kernel. A start-up
+//    releases nothing before its last allocation, so keeping a released
+//    block for reuse would only hold memory resident.
 // Small blocks come from the ordinary heap. A vector grown element by
 // element holds its whole capacity resident; the map's arrays are sized
 // exactly.
@@ -55,8 +52,6 @@ namespace internal {
 // time.
 constexpr std::size_t kLargeBlockBytes = std::size_t{8} << 20;
 constexpr std::size_t kPrefaultChunkBytes = std::size_t{2} << 20;
-// The largest released block kept for reuse.
-constexpr std::size_t kSpareLimitBytes = std::size_t{512} << 20;
 
 // A zero-filled block of `bytes` bytes (nullptr for 0); a large one is
 // already faulted in (prefaultMapBytes). Throws
@@ -64,9 +59,6 @@ constexpr std::size_t kSpareLimitBytes = std::size_t{512} << 20;
 // unchanged to releaseMapBytes, which picks the matching release from it.
 void* allocateMapBytes(std::size_t bytes);
 void releaseMapBytes(void* p, std::size_t bytes) noexcept;
-
-// Bytes of the released block kept for reuse (0 when none).
-std::size_t spareMapBytes();
 
 // Faults in the pages of [p, p + bytes) for writing, the work split over an
 // OpenMP team of the default size. Only a hint: where the kernel does not

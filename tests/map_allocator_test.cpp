@@ -33,55 +33,6 @@ TEST(MapAllocator, BlocksAreZeroFilledAndLargeOnesPageAligned) {
   releaseMapBytes(nullptr, 0);
 }
 
-bool allZero(const void* p, std::size_t bytes) {
-  const auto* c = static_cast<const unsigned char*>(p);
-  return std::all_of(c, c + bytes, [](unsigned char b) { return b == 0; });
-}
-
-TEST(MapAllocator, TheLargerReleasedBlockIsReusedZeroFilledWhateverSizeComesNext) {
-  const std::size_t block = kLargeBlockBytes;
-  const std::size_t held_bytes = std::max(block, spareMapBytes());
-  void* held = allocateMapBytes(held_bytes);  // takes all of any spare an earlier test left
-  ASSERT_EQ(spareMapBytes(), 0u);
-
-  void* a = allocateMapBytes(2 * block);
-  std::memset(a, 0xA5, 2 * block);
-  releaseMapBytes(a, 2 * block);
-  EXPECT_EQ(spareMapBytes(), 2 * block);
-  void* same = allocateMapBytes(2 * block);  // the same size: the same block, zeroed
-  EXPECT_EQ(same, a);
-  EXPECT_TRUE(allZero(same, 2 * block));
-  EXPECT_EQ(spareMapBytes(), 0u);
-
-  // Grown: the reused pages zeroed, the new ones fresh, all writable.
-  std::memset(same, 0x5A, 2 * block);
-  releaseMapBytes(same, 2 * block);
-  const std::size_t larger = 3 * block + 12345;
-  auto* const grown = static_cast<unsigned char*>(allocateMapBytes(larger));
-  EXPECT_TRUE(allZero(grown, larger));
-  std::memset(grown, 0x11, larger);
-  EXPECT_EQ(spareMapBytes(), 0u);
-
-  // Shrunk: the head reused and zeroed, the tail kept as the spare.
-  releaseMapBytes(grown, larger);
-  EXPECT_EQ(spareMapBytes(), 3 * block + 16384);
-  void* smaller = allocateMapBytes(block + 1);
-  EXPECT_EQ(smaller, grown);
-  EXPECT_TRUE(allZero(smaller, block + 1));
-  EXPECT_EQ(spareMapBytes(), 2 * block + 12288);
-  void* tail = allocateMapBytes(2 * block);
-  EXPECT_EQ(tail, grown + block + 4096);
-  EXPECT_TRUE(allZero(tail, 2 * block));
-  releaseMapBytes(tail, 2 * block);
-
-  // Of two released blocks the larger is kept.
-  void* big = allocateMapBytes(2 * block);
-  releaseMapBytes(big, 2 * block);
-  releaseMapBytes(smaller, block + 1);
-  EXPECT_EQ(spareMapBytes(), 2 * block);
-  releaseMapBytes(held, held_bytes);
-}
-
 TEST(MapAllocator, VectorsAndFileBuffersUseIt) {
   MapVector<float> v(kLargeBlockBytes / sizeof(float) + 3, 1.5f);
   EXPECT_EQ(reinterpret_cast<std::uintptr_t>(v.data()) % 4096, 0u);
