@@ -285,6 +285,9 @@ TEST_F(ServerTest, FilesWhoseTableWouldExceedTheStartUpBudgetAreRefusedBeforeItI
       {"infinite height origin", 256, 256, positions(256), 10, inf, false},
       // One cell per block is enough.
       {"one far cell per block", 256, 256, positions(256, 4), 6000, 0.f, false},
+      // About 3,000 height bins a block: 12 M bins fit the memory bound,
+      // but 16 cells a block make 197 M evaluations, beyond the work bound.
+      {"bins within, work beyond", 256, 256, positions(256), 750, 0.f, false},
       // The same grids with ordinary heights start.
       {"ordinary heights", 256, 256, positions(256), 10, 0.f, true},
       {"ordinary heights, one cell per block", 256, 256, positions(256, 4), 10, 0.f, true},
