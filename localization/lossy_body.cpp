@@ -145,9 +145,10 @@ bool strictlyIncrease(const std::vector<std::uint32_t>& heads) {
   return true;
 }
 
-// What stopped a parallel decode, as one value whichever thread saw what:
-// a failed read before a short source before a position outside the grid.
-class FirstFailure {
+// What stopped a parallel decode, reported the same whichever thread met
+// which failure: the gravest one met, a failed read before a short source
+// before a position outside the grid.
+class GravestFailure {
  public:
   void note(MapLoadStatus status) {
     const int rank = rankOf(status);
@@ -287,7 +288,7 @@ MapLoadStatus decodeBody(const RecordSource& source, std::uint32_t records, cons
   std::int32_t* const idx = index.data();
   const CellDecoder decoder(scales, prepare);
   std::atomic<std::size_t> next_chunk{0};
-  FirstFailure failure;
+  GravestFailure failure;
   std::atomic<bool> index_complete{true};
 #pragma omp parallel num_threads(max_team)
   {

@@ -47,9 +47,9 @@ MapLoadStatus decodeBody(const char* src, std::uint32_t records, const CellScale
 // The same, with the records fetched from `source` a run at a time. Also
 // returns the source's failure, kTruncatedBody or kCannotRead, when it
 // cannot give every record (a file that shrank or failed while it was
-// read); the matrix is then left as for kPositionOutOfRange. Whichever
-// thread meets which failure, a failed read is reported before a short
-// source, and both before a position outside the grid.
+// read); the matrix is then left as for kPositionOutOfRange. When several
+// failures are met, a failed read is reported before a short source, and
+// both before a position outside the grid.
 MapLoadStatus decodeBody(const RecordSource& source, std::uint32_t records, const CellScales& scales,
                          bool prepare, GridMatrix* matrix);
 
