@@ -30,9 +30,11 @@ void fail(bool& flag, const std::string& problem) {
 
 // Reads `count` elements behind `from` into a digest, or nothing when the
 // count is negative or the pointer is null; false in those two cases when
-// count != 0.
-template <class T>
-bool receive(const T* from, std::int64_t count, ReceivedArray& to) {
+// count != 0. Each piece of the array is handed to inspect(piece, n,
+// first_element) right after it was digested, while it is still in the
+// caches, so that the checks do not read the array a second time.
+template <class T, class Inspect>
+bool receive(const T* from, std::int64_t count, ReceivedArray& to, Inspect&& inspect) {
   to = ReceivedArray();
   to.at = from;
   to.count = count;
@@ -41,8 +43,24 @@ bool receive(const T* from, std::int64_t count, ReceivedArray& to) {
     to.elements = count;
     to.bytes = static_cast<std::size_t>(count) * sizeof(T);
   }
-  to.digest = digestOf(from, to.bytes);
+  // Pieces of 16 KiB: a whole number of elements and of the digest's
+  // 32-byte groups, and small enough to stay in the first-level cache.
+  constexpr std::size_t kPieceBytes = 16384;
+  constexpr std::int64_t kPieceElements = kPieceBytes / sizeof(T);
+  static_assert(kPieceBytes % sizeof(T) == 0 && kPieceElements * sizeof(T) % 32 == 0, "whole elements and groups");
+  DigestStream digest;
+  for (std::int64_t first = 0; first < to.elements; first += kPieceElements) {
+    const std::int64_t n = std::min(kPieceElements, to.elements - first);
+    digest.add(from + first, static_cast<std::size_t>(n) * sizeof(T));
+    inspect(from + first, n, first);
+  }
+  to.digest = digest.result();
   return usable;
+}
+
+template <class T>
+bool receive(const T* from, std::int64_t count, ReceivedArray& to) {
+  return receive(from, count, to, [](const T*, std::int64_t, std::int64_t) {});
 }
 
 // cols * rows == grid_size exactly, neither negative.
@@ -105,17 +123,47 @@ bool valueBinsBounded(const MCellCoarse& c) {
   return c.value_bins <= 256 && c.value_first >= 0 && c.value_first + c.value_bins <= 256;
 }
 
-void warnNonFinite(const char* table, const ReceivedArray& received) {
-  const auto* bins = static_cast<const float*>(received.at);
+// Counts the non-finite bins of a table piece by piece (see receive).
+struct NonFiniteBins {
   std::int64_t count = 0, first = 0;
-  for (std::int64_t k = 0; k < received.elements; ++k) {
-    if (!std::isfinite(bins[k]) && count++ == 0) first = k;
+
+  void operator()(const float* bins, std::int64_t n, std::int64_t at) {
+    std::int32_t in_piece = 0;  // n <= 4096
+    for (std::int64_t k = 0; k < n; ++k) in_piece += !std::isfinite(bins[k]);
+    if (in_piece == 0) return;
+    if (count == 0) first = at + (std::find_if(bins, bins + n, [](float v) { return !std::isfinite(v); }) - bins);
+    count += in_piece;
   }
-  if (count > 0) {
-    mutableRecord().verdict.warnings.push_back(
-        "cudaSetMatrixCellsCoarse: " + std::to_string(count) + " non-finite bins in the " + table +
-        " table, the first at " + std::to_string(first));
+
+  void warn(const char* table) const {
+    if (count == 0) return;
+    mutableRecord().verdict.warnings.push_back("cudaSetMatrixCellsCoarse: " + std::to_string(count) +
+                                               " non-finite bins in the " + table + " table, the first at " +
+                                               std::to_string(first));
   }
+};
+
+// The first element met piece by piece (see receive) for which bad(element)
+// holds; at is -1 while there is none.
+template <class T, class Bad>
+struct FirstBad {
+  Bad bad;
+  std::int64_t at = -1;
+
+  void operator()(const T* piece, std::int64_t n, std::int64_t first) {
+    if (at >= 0) return;
+    // Judged whole first, a loop without an early exit that the compiler
+    // can vectorise; most pieces have nothing to find.
+    bool any = false;
+    for (std::int64_t k = 0; k < n; ++k) any |= bad(piece[k]);
+    if (!any) return;
+    const T* hit = std::find_if(piece, piece + n, bad);
+    if (hit != piece + n) at = first + (hit - piece);
+  }
+};
+template <class T, class Bad>
+FirstBad<T, Bad> firstBad(Bad bad) {
+  return FirstBad<T, Bad>{bad};
 }
 
 }  // namespace
@@ -166,7 +214,10 @@ void cudaSetMatrixCells(const MCell* cells, int cell_count, const int* index, in
     fail(v.index_count_matches, "cudaSetMatrixCells: unusable cell array (count " +
                                     std::to_string(cell_count) + ")");
   }
-  if (!gpu_stand_in::receive(index, index_count, r.index)) {
+  const std::int64_t cells_available = std::max(cell_count, 0);
+  auto bad_entry = gpu_stand_in::firstBad<int>(
+      [cells_available](std::int32_t entry) { return entry != -1 && (entry < 0 || entry >= cells_available); });
+  if (!gpu_stand_in::receive(index, index_count, r.index, bad_entry)) {
     fail(v.index_count_matches, "cudaSetMatrixCells: unusable index array (count " +
                                     std::to_string(index_count) + ")");
   }
@@ -177,16 +228,10 @@ void cudaSetMatrixCells(const MCell* cells, int cell_count, const int* index, in
                                     " index entries for grid_size " +
                                     std::to_string(r.configs.back().grid_size));
   }
-
-  const std::int64_t cells_available = std::max(cell_count, 0);
-  for (std::int64_t i = 0; i < r.index.elements; ++i) {
-    const std::int32_t entry = index[i];
-    if (entry != -1 && (entry < 0 || entry >= cells_available)) {
-      fail(v.index_entries_valid, "cudaSetMatrixCells: index entry " + std::to_string(i) +
-                                      " is " + std::to_string(entry) + " with " +
-                                      std::to_string(cell_count) + " cells");
-      break;
-    }
+  if (bad_entry.at >= 0) {
+    fail(v.index_entries_valid, "cudaSetMatrixCells: index entry " + std::to_string(bad_entry.at) + " is " +
+                                    std::to_string(index[bad_entry.at]) + " with " + std::to_string(cell_count) +
+                                    " cells");
   }
 }
 
@@ -203,53 +248,55 @@ void cudaSetMatrixCellsCoarse(const float* height_table, int height_count,
   gpu_stand_in::noteCall("cudaSetMatrixCellsCoarse");
   gpu_stand_in::Record& r = mutableRecord();
   gpu_stand_in::Verdict& v = r.verdict;
-  if (!gpu_stand_in::receive(height_table, height_count, r.height_table)) {
+  gpu_stand_in::NonFiniteBins height_non_finite, value_non_finite;
+  if (!gpu_stand_in::receive(height_table, height_count, r.height_table, height_non_finite)) {
     fail(v.coarse_bins_inside, "cudaSetMatrixCellsCoarse: unusable height table (count " +
                                    std::to_string(height_count) + ")");
   }
-  if (!gpu_stand_in::receive(value_table, value_count, r.value_table)) {
+  if (!gpu_stand_in::receive(value_table, value_count, r.value_table, value_non_finite)) {
     fail(v.coarse_bins_inside, "cudaSetMatrixCellsCoarse: unusable value table (count " +
                                    std::to_string(value_count) + ")");
   }
-  gpu_stand_in::warnNonFinite("height", r.height_table);
-  gpu_stand_in::warnNonFinite("value", r.value_table);
+  height_non_finite.warn("height");
+  value_non_finite.warn("value");
   if (r.coarse_configs.empty()) {
     r.coarse_cells = gpu_stand_in::ReceivedArray();
     r.coarse_cells.at = coarse_cells;
     fail(v.coarse_bins_inside, "cudaSetMatrixCellsCoarse: no coarse configuration received before");
     return;
   }
-  const std::int64_t records = r.coarse_configs.back().grid_size;
-  if (!gpu_stand_in::receive(coarse_cells, records, r.coarse_cells)) {
-    fail(v.coarse_bins_inside, "cudaSetMatrixCellsCoarse: no coarse records for grid_size " +
-                                   std::to_string(records));
-  }
 
   // A range is inside when it is empty or ends at or before the table's end;
   // an absent table (negative count) holds nothing.
   const std::uint64_t values = static_cast<std::uint64_t>(std::max(value_count, 0));
   const std::uint64_t heights = static_cast<std::uint64_t>(std::max(height_count, 0));
-  for (std::int64_t i = 0; i < r.coarse_cells.elements; ++i) {
-    const MCellCoarse& c = coarse_cells[i];
-    const bool value_inside =
-        c.value_bins == 0 || std::uint64_t{c.value_offset} + c.value_bins <= values;
-    const bool height_inside =
-        c.height_bins == 0 || std::uint64_t{c.height_offset} + c.height_bins <= heights;
-    if (!value_inside || !height_inside) {
-      fail(v.coarse_bins_inside,
-           "cudaSetMatrixCellsCoarse: coarse record " + std::to_string(i) + " reaches past the " +
-               (value_inside ? "height" : "value") + " table");
-      break;
-    }
+  const auto inside = [values, heights](const MCellCoarse& c) {
+    return (c.value_bins == 0 || std::uint64_t{c.value_offset} + c.value_bins <= values) &&
+           (c.height_bins == 0 || std::uint64_t{c.height_offset} + c.height_bins <= heights);
+  };
+  auto outside = gpu_stand_in::firstBad<MCellCoarse>([&inside](const MCellCoarse& c) { return !inside(c); });
+  auto unbounded = gpu_stand_in::firstBad<MCellCoarse>(
+      [](const MCellCoarse& c) { return !gpu_stand_in::valueBinsBounded(c); });
+  const std::int64_t records = r.coarse_configs.back().grid_size;
+  if (!gpu_stand_in::receive(coarse_cells, records, r.coarse_cells,
+                             [&](const MCellCoarse* piece, std::int64_t n, std::int64_t first) {
+                               outside(piece, n, first);
+                               unbounded(piece, n, first);
+                             })) {
+    fail(v.coarse_bins_inside, "cudaSetMatrixCellsCoarse: no coarse records for grid_size " +
+                                   std::to_string(records));
   }
-  for (std::int64_t i = 0; i < r.coarse_cells.elements; ++i) {
-    const MCellCoarse& c = coarse_cells[i];
-    if (!gpu_stand_in::valueBinsBounded(c)) {
-      fail(v.value_bins_bounded, "cudaSetMatrixCellsCoarse: coarse record " + std::to_string(i) +
-                                     " stores value bins " + std::to_string(c.value_first) + " + " +
-                                     std::to_string(c.value_bins) + ", outside 0..255");
-      break;
-    }
+  if (outside.at >= 0) {
+    const MCellCoarse& c = coarse_cells[outside.at];
+    const bool value_inside = c.value_bins == 0 || std::uint64_t{c.value_offset} + c.value_bins <= values;
+    fail(v.coarse_bins_inside, "cudaSetMatrixCellsCoarse: coarse record " + std::to_string(outside.at) +
+                                   " reaches past the " + (value_inside ? "height" : "value") + " table");
+  }
+  if (unbounded.at >= 0) {
+    const MCellCoarse& c = coarse_cells[unbounded.at];
+    fail(v.value_bins_bounded, "cudaSetMatrixCellsCoarse: coarse record " + std::to_string(unbounded.at) +
+                                   " stores value bins " + std::to_string(c.value_first) + " + " +
+                                   std::to_string(c.value_bins) + ", outside 0..255");
   }
 }
 

@@ -39,18 +39,27 @@ inline std::uint64_t finalMix(std::uint64_t h) {
 
 }  // namespace
 
-std::uint64_t digestOf(const void* bytes, std::size_t size) {
+void DigestStream::add(const void* bytes, std::size_t size) {
   const auto* p = static_cast<const unsigned char*>(bytes);
-  std::uint64_t lanes[4] = {1, 2, 3, 4};
   std::size_t i = 0;
   for (; i + 32 <= size; i += 32) {
-    for (int l = 0; l < 4; ++l) lanes[l] = step(lanes[l], wordAt(p + i + 8 * l));
+    for (int l = 0; l < 4; ++l) lanes_[l] = step(lanes_[l], wordAt(p + i + 8 * l));
   }
-  for (; i + 8 <= size; i += 8) lanes[0] = step(lanes[0], wordAt(p + i));
-  for (; i < size; ++i) lanes[1] = step(lanes[1], p[i]);
-  std::uint64_t h = size;
-  for (const std::uint64_t lane : lanes) h = finalMix(h ^ lane);
+  for (; i + 8 <= size; i += 8) lanes_[0] = step(lanes_[0], wordAt(p + i));
+  for (; i < size; ++i) lanes_[1] = step(lanes_[1], p[i]);
+  size_ += size;
+}
+
+std::uint64_t DigestStream::result() const {
+  std::uint64_t h = size_;
+  for (const std::uint64_t lane : lanes_) h = finalMix(h ^ lane);
   return h;
+}
+
+std::uint64_t digestOf(const void* bytes, std::size_t size) {
+  DigestStream digest;
+  digest.add(bytes, size);
+  return digest.result();
 }
 
 }  // namespace gpu_stand_in

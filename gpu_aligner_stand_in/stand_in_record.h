@@ -103,6 +103,20 @@ struct Verdict {
 // change of any single byte always changes it. Not a cryptographic hash.
 std::uint64_t digestOf(const void* bytes, std::size_t size);
 
+// digestOf taken a piece at a time, so that a caller can inspect each piece
+// while it is still in the caches: adding consecutive pieces gives the
+// digest of the whole, provided every piece but the last is a multiple of
+// 32 bytes.
+class DigestStream {
+ public:
+  void add(const void* bytes, std::size_t size);
+  std::uint64_t result() const;
+
+ private:
+  std::uint64_t lanes_[4] = {1, 2, 3, 4};
+  std::size_t size_ = 0;
+};
+
 // One array as it arrived.
 struct ReceivedArray {
   const void* at = nullptr;   // the pointer as passed

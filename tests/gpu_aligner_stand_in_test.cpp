@@ -199,6 +199,40 @@ TEST_F(StandIn, JudgesEachUploadAgainstTheLastConfigurations) {
   EXPECT_TRUE(rec().coarse_cells.holds(three));
 }
 
+// The stand-in digests and checks an array in one read, 16 KiB at a time:
+// arrays of several pieces arrive whole, and what is found in a later piece
+// is reported where it lies.
+TEST_F(StandIn, ArraysOfManyPiecesAreJudgedWhole) {
+  constexpr std::size_t kPieceFloats = 4096;
+  std::vector<float> values(3 * kPieceFloats + 5, -1.f), heights(kPieceFloats + 1, -1.f);
+  values[kPieceFloats + 7] = NAN;
+  values[3 * kPieceFloats + 4] = INFINITY;
+  heights[kPieceFloats] = -INFINITY;
+  std::vector<int> index(2 * kPieceFloats + 3, -1);
+  index[2 * kPieceFloats + 1] = 5;  // the only bad entry, in the third piece
+  std::vector<MCellCoarse> records(9000, coarse(0, 0, 0, 0));
+  records[8000] = coarse(1, 0, 2, static_cast<std::uint32_t>(heights.size()) - 1);  // 1024 records a piece
+  records[8999] = coarse(3, 0, 0, 0, 254);
+  const std::vector<MCell> two_cells(2);
+  loc::cudaSetMatrixConfig(config(static_cast<std::int32_t>(index.size()), 1));
+  loc::cudaSetMatrixCells(two_cells.data(), 2, index.data(), static_cast<int>(index.size()));
+  loc::cudaSetMatrixConfig(config(9000, 1));
+  loc::cudaSetMatrixConfigCoarse(config(9000, 1));
+  loc::cudaSetMatrixCellsCoarse(heights.data(), static_cast<int>(heights.size()), values.data(),
+                                static_cast<int>(values.size()), records.data());
+  EXPECT_TRUE(rec().index.holds(index) && rec().value_table.holds(values) && rec().height_table.holds(heights) &&
+              rec().coarse_cells.holds(records));
+  EXPECT_EQ(rec().verdict.problems,
+            (std::vector<std::string>{"cudaSetMatrixCells: index entry 8193 is 5 with 2 cells",
+                                      "cudaSetMatrixCellsCoarse: coarse record 8000 reaches past the height table",
+                                      "cudaSetMatrixCellsCoarse: coarse record 8999 stores value bins 254 + 3, "
+                                      "outside 0..255"}));
+  EXPECT_EQ(rec().verdict.warnings,
+            (std::vector<std::string>{
+                "cudaSetMatrixCellsCoarse: 1 non-finite bins in the height table, the first at 4096",
+                "cudaSetMatrixCellsCoarse: 2 non-finite bins in the value table, the first at 4103"}));
+}
+
 TEST_F(StandIn, NonFiniteBinsAreOnlyWarningsAndUnusableArraysAreNotedNotRead) {
   const std::vector<float> odd_values = {-1.f, NAN, -2.f, INFINITY}, odd_heights = {-1.f, -2.f, -INFINITY};
   const MCellCoarse record = coarse(4, 0, 3, 0);
