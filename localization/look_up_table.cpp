@@ -40,11 +40,14 @@ namespace {
 // waiting at the end of each pass.
 constexpr int kRowsPerChunk = 4;
 
-// Sizes a table sequence to n zeros. The allocation faults its pages in
-// with the team (map_allocator.h); the resize then writes resident memory.
-void sizeResident(MapVector<float>& v, std::size_t n) {
+// Sizes an empty table sequence to n floats for the fill pass, which writes
+// every one of them. The allocation faults its pages in with the team and
+// hands them out zeroed (map_allocator.h), so the elements are left as
+// they are: value-initialising them would write hundreds of megabytes of
+// zeros again, on one thread.
+void sizeForFill(MapVector<float>& v, std::size_t n) {
   v.reserve(n);
-  v.resize(n);
+  internal::growLeftForWriter(v, n);
 }
 
 }  // namespace
@@ -133,8 +136,8 @@ bool buildTable(const GridMatrix& matrix, int factor, float height_step, float v
   const bool addressable = lut::assignOffsets(records, table.grid_size_, &extent.value_bins, &extent.height_bins);
   if (accept != nullptr && !(*accept)(extent)) return false;
   if (!addressable) throw std::bad_alloc();
-  sizeResident(table.value_table_, extent.value_bins);
-  sizeResident(table.height_table_, extent.height_bins);
+  sizeForFill(table.value_table_, extent.value_bins);
+  sizeForFill(table.height_table_, extent.height_bins);
 
   const std::int64_t value_width = *std::max_element(widest_value.begin(), widest_value.end());
   const std::int64_t height_width = *std::max_element(widest_height.begin(), widest_height.end());

@@ -37,6 +37,7 @@
 #define ZORVANE_LOCALIZATION_MAP_ALLOCATOR_H_
 
 #include <cstddef>
+#include <iterator>
 #include <limits>
 #include <new>
 #include <type_traits>
@@ -67,8 +68,33 @@ void releaseMapBytes(void* p, std::size_t bytes) noexcept;
 void prefaultMapBytes(void* p, std::size_t bytes);
 
 // Passed to MapAllocator::construct, leaves the element's bytes as they
-// are: see growLeftForWriter.
-struct LeftForWriter {};
+// are: see growLeftForWriter. (The conversion lets a vector's insert
+// compile its assignment branch, which an insert at the end never runs.)
+struct LeftForWriter {
+  template <class T>
+  operator T() const {
+    return T();
+  }
+};
+
+// A counted sequence of LeftForWriter values, for growLeftForWriter.
+struct LeftForWriterSequence {
+  using iterator_category = std::forward_iterator_tag;
+  using value_type = LeftForWriter;
+  using difference_type = std::ptrdiff_t;
+  using pointer = const LeftForWriter*;
+  using reference = LeftForWriter;
+
+  std::size_t at;
+  LeftForWriter operator*() const { return {}; }
+  LeftForWriterSequence& operator++() {
+    ++at;
+    return *this;
+  }
+  LeftForWriterSequence operator++(int) { return {at++}; }
+  bool operator==(const LeftForWriterSequence& o) const { return at == o.at; }
+  bool operator!=(const LeftForWriterSequence& o) const { return at != o.at; }
+};
 
 }  // namespace internal
 
@@ -119,11 +145,16 @@ namespace internal {
 // byte twice. T must be trivially copyable and trivially destructible.
 // Precondition: v.capacity() - v.size() >= n, so that the storage neither
 // moves nor grows and nothing else is constructed, copied or allocated.
+//
+// The elements are appended by one range insert of LeftForWriter values:
+// the vector moves its end once, and the loop of constructions it runs does
+// nothing, so the compiler drops it (an emplace_back per element checks the
+// capacity and moves the end every time: 0.13 s for 209 million floats).
 template <class T>
 void growLeftForWriter(MapVector<T>& v, std::size_t n) {
   static_assert(std::is_trivially_copyable<T>::value && std::is_trivially_destructible<T>::value,
                 "only bytes may be left for the writer");
-  for (std::size_t i = 0; i < n; ++i) v.emplace_back(LeftForWriter{});
+  v.insert(v.end(), LeftForWriterSequence{0}, LeftForWriterSequence{n});
 }
 
 }  // namespace internal
