@@ -92,10 +92,47 @@ constexpr std::uint64_t kLogA1 = 0x3fd5575b0be00b6a;
 constexpr std::uint64_t kLogA2 = 0xbfdffffef20a4123;
 constexpr std::uint32_t kLogOffset = 0x3f330000;
 
+// Lane helpers of both instruction sets (AVX2 instructions, which the
+// AVX-512 kernels may inline: their target includes AVX2).
 #define ZV_AVX2_FMA __attribute__((target("avx2,fma")))
 
+// Mask of the lanes of x that the main expf formula covers (not NaN).
+ZV_AVX2_FMA inline __m256 expMainLanes(__m256 x) {
+  const __m256 lowest = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(kExpLowest)));
+  const __m256 highest = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(kExpHighest)));
+  return _mm256_and_ps(_mm256_cmp_ps(x, lowest, _CMP_GE_OQ), _mm256_cmp_ps(x, highest, _CMP_LE_OQ));
+}
+
+// Mask (as int lanes) of the arguments the main logf formula covers:
+// positive normal numbers other than 1.
+ZV_AVX2_FMA inline __m256i logMainLanes(__m256i ix) {
+  // (ix - 0x00800000) < 0x7f000000 unsigned, compared as signed after
+  // flipping the top bit.
+  const __m256i flip = _mm256_set1_epi32(static_cast<int>(0x80000000u));
+  const __m256i biased = _mm256_xor_si256(_mm256_sub_epi32(ix, _mm256_set1_epi32(0x00800000)), flip);
+  const __m256i normal = _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(0x7f000000u ^ 0x80000000u)), biased);
+  const __m256i one = _mm256_cmpeq_epi32(ix, _mm256_set1_epi32(0x3f800000));
+  return _mm256_andnot_si256(one, normal);
+}
+
+// Lanes [0, count) of eight, as a mask for maskload/maskstore.
+ZV_AVX2_FMA inline __m256i firstLanes(std::int64_t count) {
+  const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+  const int n = count >= 8 ? 8 : static_cast<int>(count);
+  return _mm256_cmpgt_epi32(_mm256_set1_epi32(n), lane);
+}
+
+#undef ZV_AVX2_FMA
+
+// AVX2: four lanes of double precision at a time, the tables by gathers.
+namespace avx2 {
+#define ZV_KERNEL __attribute__((target("avx2,fma")))
+
+struct Tables {};
+ZV_KERNEL inline Tables loadTables() { return {}; }
+
 // expf of four arguments by the main formula, in double precision.
-ZV_AVX2_FMA inline __m128 expFour(__m128 x) {
+ZV_KERNEL inline __m128 expFour(__m128 x) {
   const __m256d xd = _mm256_cvtps_pd(x);
   const __m256d inv_ln2n = _mm256_set1_pd(fromBits(kExpInvLn2N));
   const __m256d shift = _mm256_set1_pd(fromBits(kExpShift));
@@ -116,28 +153,16 @@ ZV_AVX2_FMA inline __m128 expFour(__m128 x) {
   return _mm256_cvtpd_ps(_mm256_mul_pd(y, s));
 }
 
-// Mask of the lanes of x that the main expf formula covers (not NaN).
-ZV_AVX2_FMA inline __m256 expMainLanes(__m256 x) {
-  const __m256 lowest = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(kExpLowest)));
-  const __m256 highest = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(kExpHighest)));
-  return _mm256_and_ps(_mm256_cmp_ps(x, lowest, _CMP_GE_OQ), _mm256_cmp_ps(x, highest, _CMP_LE_OQ));
-}
-
-ZV_AVX2_FMA inline __m256 expEight(__m256 x) {
-  return _mm256_set_m128(expFour(_mm256_extractf128_ps(x, 1)), expFour(_mm256_castps256_ps128(x)));
-}
-
-// expEight for the lanes in `lanes` (bit q: lane q); a half with none of
-// them is left at 0 without its exponentials. The last group of a
-// histogram is often half padding.
-ZV_AVX2_FMA inline __m256 expEightOf(__m256 x, int lanes) {
+// A half with none of `lanes` is left at 0 without its exponentials: the
+// last group of a histogram is often half padding.
+ZV_KERNEL inline __m256 expEightOf(__m256 x, int lanes, const Tables&) {
   const __m128 low = (lanes & 0x0f) != 0 ? expFour(_mm256_castps256_ps128(x)) : _mm_setzero_ps();
   const __m128 high = (lanes & 0xf0) != 0 ? expFour(_mm256_extractf128_ps(x, 1)) : _mm_setzero_ps();
   return _mm256_set_m128(high, low);
 }
 
 // logf of four positive normal arguments other than 1 by the main formula.
-ZV_AVX2_FMA inline __m128 logFour(__m128i ix) {
+ZV_KERNEL inline __m128 logFour(__m128i ix) {
   const __m128i tmp = _mm_sub_epi32(ix, _mm_set1_epi32(static_cast<int>(kLogOffset)));
   const __m128i i = _mm_and_si128(_mm_srli_epi32(tmp, 19), _mm_set1_epi32(15));
   const __m128i k = _mm_srai_epi32(tmp, 23);
@@ -157,167 +182,103 @@ ZV_AVX2_FMA inline __m128 logFour(__m128i ix) {
   return _mm256_cvtpd_ps(_mm256_fmadd_pd(r2, y, t));
 }
 
-// Mask (as int lanes) of the arguments the main logf formula covers:
-// positive normal numbers other than 1.
-ZV_AVX2_FMA inline __m256i logMainLanes(__m256i ix) {
-  // (ix - 0x00800000) < 0x7f000000 unsigned, compared as signed after
-  // flipping the top bit.
-  const __m256i flip = _mm256_set1_epi32(static_cast<int>(0x80000000u));
-  const __m256i biased = _mm256_xor_si256(_mm256_sub_epi32(ix, _mm256_set1_epi32(0x00800000)), flip);
-  const __m256i normal = _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(0x7f000000u ^ 0x80000000u)), biased);
-  const __m256i one = _mm256_cmpeq_epi32(ix, _mm256_set1_epi32(0x3f800000));
-  return _mm256_andnot_si256(one, normal);
-}
-
-ZV_AVX2_FMA inline __m256 logEight(__m256i ix) {
+ZV_KERNEL inline __m256 logEight(__m256i ix, const Tables&) {
   return _mm256_set_m128(logFour(_mm256_extracti128_si256(ix, 1)), logFour(_mm256_castsi256_si128(ix)));
 }
 
-// Lanes [0, count) of eight, as a mask for maskload/maskstore.
-ZV_AVX2_FMA inline __m256i firstLanes(std::int64_t count) {
-  const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
-  const int n = count >= 8 ? 8 : static_cast<int>(count);
-  return _mm256_cmpgt_epi32(_mm256_set1_epi32(n), lane);
+#include "localization/look_up_table_exp_log_kernels.inc"
+
+#undef ZV_KERNEL
+}  // namespace avx2
+
+// AVX-512: all eight lanes in one register of doubles, and the tables held
+// in registers, looked up by permutes instead of gathers. The same
+// operations in the same order as the AVX2 forms, so the same bits. (The
+// zero-masked conversions, all lanes enabled, are the plain ones without
+// GCC 12's warning about their undefined starting value.)
+namespace avx512 {
+#define ZV_KERNEL __attribute__((target("avx512f,avx512dq,avx512vl,avx2,fma")))
+
+struct Tables {
+  __m512i exp0, exp1, exp2, exp3;     // kExpTable[0..7], [8..15], [16..23], [24..31]
+  __m512d invc_low, invc_high;        // invc of the 16 logf intervals
+  __m512d logc_low, logc_high;        // log c likewise
+};
+
+ZV_KERNEL inline Tables loadTables() {
+  const auto* e = reinterpret_cast<const long long*>(kExpTable);
+  const auto* l = reinterpret_cast<const double*>(kLogTable);
+  Tables t;
+  t.exp0 = _mm512_loadu_si512(e);
+  t.exp1 = _mm512_loadu_si512(e + 8);
+  t.exp2 = _mm512_loadu_si512(e + 16);
+  t.exp3 = _mm512_loadu_si512(e + 24);
+  // kLogTable interleaves {invc, log c}.
+  const __m512i even = _mm512_setr_epi64(0, 2, 4, 6, 8, 10, 12, 14);
+  const __m512i odd = _mm512_setr_epi64(1, 3, 5, 7, 9, 11, 13, 15);
+  const __m512d first = _mm512_loadu_pd(l), second = _mm512_loadu_pd(l + 8);
+  const __m512d third = _mm512_loadu_pd(l + 16), fourth = _mm512_loadu_pd(l + 24);
+  t.invc_low = _mm512_permutex2var_pd(first, even, second);
+  t.invc_high = _mm512_permutex2var_pd(third, even, fourth);
+  t.logc_low = _mm512_permutex2var_pd(first, odd, second);
+  t.logc_high = _mm512_permutex2var_pd(third, odd, fourth);
+  return t;
 }
 
-// The terms of one run for the group of eight bins k (as floats: kf) to
-// add to it: w * expf(e) where the run adds, -0 elsewhere, which leaves
-// every value as it is when added (x + -0 == x, zeros and NaN included).
-ZV_AVX2_FMA inline __m256 groupTerms(__m256i k, __m256 kf, const GaussianRun& run, float step) {
-  const __m256 minus_zero = _mm256_set1_ps(-0.0f);
-  const __m256 d = _mm256_sub_ps(_mm256_mul_ps(kf, _mm256_set1_ps(step)), _mm256_set1_ps(run.mean));
-  const __m256 exponent = _mm256_div_ps(_mm256_xor_ps(_mm256_mul_ps(d, d), minus_zero), _mm256_set1_ps(run.sigma));
-  // With a finite weight, exponents below -104 add nothing; otherwise
-  // (w * 0 is NaN) every term is added.
-  const __m256 zero_below = _mm256_set1_ps(std::isfinite(run.w) ? kZeroExponent : -INFINITY);
-  const __m256i outside = _mm256_or_si256(_mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(run.lo)), k),
-                                          _mm256_cmpgt_epi32(k, _mm256_set1_epi32(static_cast<int>(run.hi))));
-  const __m256 adds = _mm256_andnot_ps(_mm256_castsi256_ps(outside), _mm256_cmp_ps(exponent, zero_below, _CMP_NLT_UQ));
-  const int add_bits = _mm256_movemask_ps(adds);
-  if (add_bits == 0) return minus_zero;
-  __m256 term =
-      _mm256_blendv_ps(minus_zero, _mm256_mul_ps(_mm256_set1_ps(run.w), expEightOf(exponent, add_bits)), adds);
-  const int odd_bits = add_bits & ~_mm256_movemask_ps(expMainLanes(exponent));
-  if (odd_bits != 0) {
-    alignas(32) float e[8], t[8];
-    _mm256_store_ps(e, exponent);
-    _mm256_store_ps(t, term);
-    for (int q = 0; q < 8; ++q) {
-      if ((odd_bits >> q) & 1) t[q] = run.w * std::exp(e[q]);
-    }
-    term = _mm256_load_ps(t);
-  }
-  return term;
+ZV_KERNEL inline __m256 expEightOf(__m256 x, int, const Tables& t) {
+  const __m512d xd = _mm512_maskz_cvtps_pd(0xff, x);
+  const __m512d inv_ln2n = _mm512_set1_pd(fromBits(kExpInvLn2N));
+  const __m512d shift = _mm512_set1_pd(fromBits(kExpShift));
+  __m512d kd = _mm512_fmadd_pd(inv_ln2n, xd, shift);
+  const __m512i ki = _mm512_castpd_si512(kd);
+  kd = _mm512_sub_pd(kd, shift);
+  const __m512d r = _mm512_fmsub_pd(inv_ln2n, xd, kd);
+  // Entry ki & 31: the permutes read its low four bits, bit 4 picks the half.
+  const __m512i low = _mm512_permutex2var_epi64(t.exp0, ki, t.exp1);
+  const __m512i high = _mm512_permutex2var_epi64(t.exp2, ki, t.exp3);
+  const __m512i entry = _mm512_mask_blend_epi64(_mm512_test_epi64_mask(ki, _mm512_set1_epi64(16)), low, high);
+  const __m512d s = _mm512_castsi512_pd(_mm512_add_epi64(entry, _mm512_maskz_slli_epi64(0xff, ki, 47)));
+  const __m512d z = _mm512_fmadd_pd(_mm512_set1_pd(fromBits(kExpC0)), r, _mm512_set1_pd(fromBits(kExpC1)));
+  const __m512d r2 = _mm512_mul_pd(r, r);
+  __m512d y = _mm512_fmadd_pd(_mm512_set1_pd(fromBits(kExpC2)), r, _mm512_set1_pd(1.0));
+  y = _mm512_fmadd_pd(z, r2, y);
+  return _mm512_maskz_cvtpd_ps(0xff, _mm512_mul_pd(y, s));
 }
 
-ZV_AVX2_FMA void addGaussianRunsAvx2(float* bins, std::int64_t first, const GaussianRun* runs, int count, float step) {
-  // Bin numbers go through 32-bit lanes; (float)k is the same from 32 and
-  // 64 bits for these.
-  constexpr std::int64_t kLaneLimit = std::int64_t{1} << 30;
-  std::int64_t g_begin = 0, g_end = 0;  // groups [g_begin, g_end) hold every run
-  bool any = false;
-  for (int c = 0; c < count; ++c) {
-    if (runs[c].lo > runs[c].hi) continue;
-    const std::int64_t from = (runs[c].lo - first) / 8, to = (runs[c].hi - first) / 8 + 1;
-    g_begin = any ? std::min(g_begin, from) : from;
-    g_end = any ? std::max(g_end, to) : to;
-    any = true;
-  }
-  if (!any) return;
-  if (first < -kLaneLimit || first + 8 * g_end > kLaneLimit) {
-    addGaussianRunsPlain(bins, first, runs, count, step);
-    return;
-  }
-  // Whole groups of eight from bins[0], so that successive calls load and
-  // store the same groups.
-  const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
-  for (std::int64_t g = g_begin; g < g_end; ++g) {
-    const __m256i k = _mm256_add_epi32(_mm256_set1_epi32(static_cast<int>(first + 8 * g)), lane);
-    const __m256 kf = _mm256_cvtepi32_ps(k);
-    float* const at = bins + 8 * g;
-    __m256 sum = _mm256_loadu_ps(at);
-    for (int c = 0; c < count; ++c) {
-      const GaussianRun& run = runs[c];
-      if (run.lo > run.hi || g < (run.lo - first) / 8 || g > (run.hi - first) / 8) continue;
-      sum = _mm256_add_ps(sum, groupTerms(k, kf, run, step));
-    }
-    _mm256_storeu_ps(at, sum);
-  }
+ZV_KERNEL inline __m256 logEight(__m256i ix, const Tables& t) {
+  const __m256i tmp = _mm256_sub_epi32(ix, _mm256_set1_epi32(static_cast<int>(kLogOffset)));
+  const __m256i i = _mm256_and_si256(_mm256_srli_epi32(tmp, 19), _mm256_set1_epi32(15));
+  const __m256i k = _mm256_srai_epi32(tmp, 23);
+  const __m256i iz = _mm256_sub_epi32(ix, _mm256_and_si256(tmp, _mm256_set1_epi32(static_cast<int>(0xff800000u))));
+  const __m512d z = _mm512_maskz_cvtps_pd(0xff, _mm256_castsi256_ps(iz));
+  const __m512i at = _mm512_maskz_cvtepi32_epi64(0xff, i);
+  const __m512d invc = _mm512_permutex2var_pd(t.invc_low, at, t.invc_high);
+  const __m512d logc = _mm512_permutex2var_pd(t.logc_low, at, t.logc_high);
+  const __m512d y0 = _mm512_fmadd_pd(_mm512_maskz_cvtepi32_pd(0xff, k), _mm512_set1_pd(fromBits(kLogLn2)), logc);
+  const __m512d r = _mm512_fmadd_pd(z, invc, _mm512_set1_pd(-1.0));
+  __m512d y = _mm512_fmadd_pd(r, _mm512_set1_pd(fromBits(kLogA1)), _mm512_set1_pd(fromBits(kLogA2)));
+  const __m512d r2 = _mm512_mul_pd(r, r);
+  const __m512d s = _mm512_add_pd(r, y0);
+  y = _mm512_fmadd_pd(r2, _mm512_set1_pd(fromBits(kLogA0)), y);
+  return _mm512_maskz_cvtpd_ps(0xff, _mm512_fmadd_pd(r2, y, s));
 }
 
-ZV_AVX2_FMA void addGaussianTermsAvx2(float* bins, std::int64_t first, std::int64_t lo, std::int64_t hi, float w,
-                                      float mean, float sigma, float step) {
-  const GaussianRun run = {w, mean, sigma, lo, hi};
-  addGaussianRunsAvx2(bins, first, &run, 1, step);
+#include "localization/look_up_table_exp_log_kernels.inc"
+
+#undef ZV_KERNEL
+}  // namespace avx512
+
+bool processorHasAvx2AndFma() { return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"); }
+bool processorHasAvx512() {
+  return processorHasAvx2AndFma() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
+         __builtin_cpu_supports("avx512vl");
 }
 
-ZV_AVX2_FMA inline __m256 logOrFloor(__m256i ix, __m256i floor8, __m256 log_floor8, __m256i lanes) {
-  const __m256i is_floor = _mm256_cmpeq_epi32(ix, floor8);
-  __m256 result = _mm256_blendv_ps(logEight(ix), log_floor8, _mm256_castsi256_ps(is_floor));
-  const int odd_bits = _mm256_movemask_ps(
-      _mm256_castsi256_ps(_mm256_andnot_si256(_mm256_or_si256(is_floor, logMainLanes(ix)), lanes)));
-  if (odd_bits != 0) {
-    alignas(32) float v[8], out[8];
-    _mm256_store_ps(v, _mm256_castsi256_ps(ix));
-    _mm256_store_ps(out, result);
-    for (int q = 0; q < 8; ++q) {
-      if ((odd_bits >> q) & 1) out[q] = std::log(v[q]);
-    }
-    result = _mm256_load_ps(out);
-  }
-  return result;
-}
-
-ZV_AVX2_FMA void logSharesAvx2(float* bins, std::int64_t n, float sum, float scale, float floor,
-                               float log_floor) {
-  const __m256 sum8 = _mm256_set1_ps(sum), scale8 = _mm256_set1_ps(scale), floor8 = _mm256_set1_ps(floor);
-  const __m256i floor_bits8 = _mm256_castps_si256(floor8);
-  const __m256 log_floor8 = _mm256_set1_ps(log_floor);
-  // Whole groups, the last one into the padding: a masked load of what the
-  // histogram has just stored would wait for those stores to complete.
-  // A histogram's tails, beyond the reach of its components' mass, hold
-  // shares that round to the floor itself; their groups need no logarithm.
-  for (std::int64_t k0 = 0; k0 < n; k0 += 8) {
-    float* const at = bins + k0;
-    const __m256 share = _mm256_add_ps(_mm256_mul_ps(_mm256_div_ps(_mm256_loadu_ps(at), sum8), scale8), floor8);
-    const __m256i lanes = firstLanes(n - k0);
-    const __m256i share_bits = _mm256_castps_si256(share);
-    const __m256i floor_or_padding = _mm256_or_si256(_mm256_cmpeq_epi32(share_bits, floor_bits8),
-                                                     _mm256_xor_si256(lanes, _mm256_set1_epi32(-1)));
-    if (_mm256_movemask_ps(_mm256_castsi256_ps(floor_or_padding)) == 0xff) {
-      _mm256_storeu_ps(at, log_floor8);
-      continue;
-    }
-    _mm256_storeu_ps(at, logOrFloor(share_bits, floor_bits8, log_floor8, lanes));
-  }
-}
-
-ZV_AVX2_FMA void expEightAvx2(const float* x, float* out) {
-  const __m256 v = _mm256_loadu_ps(x);
-  const int odd_bits = ~_mm256_movemask_ps(expMainLanes(v)) & 0xff;
-  _mm256_storeu_ps(out, expEight(v));
-  for (int q = 0; q < 8; ++q) {
-    if ((odd_bits >> q) & 1) out[q] = std::exp(x[q]);
-  }
-}
-
-ZV_AVX2_FMA void logEightAvx2(const float* x, float* out) {
-  const __m256i ix = _mm256_castps_si256(_mm256_loadu_ps(x));
-  const int odd_bits = ~_mm256_movemask_ps(_mm256_castsi256_ps(logMainLanes(ix))) & 0xff;
-  _mm256_storeu_ps(out, logEight(ix));
-  for (int q = 0; q < 8; ++q) {
-    if ((odd_bits >> q) & 1) out[q] = std::log(x[q]);
-  }
-}
-
-#undef ZV_AVX2_FMA
-
-bool cpuHasAvx2AndFma() { return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"); }
-
-// Compares the eight-lane functions with std::exp / std::log, bit for bit,
+// Compares eight-lane expf and logf with std::exp / std::log, bit for bit,
 // on arguments spread over the exponents of a table (-104..0, and the whole
 // float range as bit patterns) and over the positive floats.
-bool vectorMathMatchesCLibrary() {
+using EightLanes = void (*)(const float*, float*);
+bool matchesCLibrary(EightLanes exp_eight, EightLanes log_eight) {
   constexpr int kArguments = 8 * 1024;
   float x[8], got[8];
   std::uint32_t pattern = 0x9e3779b9u;
@@ -329,7 +290,7 @@ bool vectorMathMatchesCLibrary() {
       std::memcpy(&bits_value, &pattern, sizeof bits_value);
       x[q] = n % 2 == 0 ? -104.0f * static_cast<float>(n) / kArguments : bits_value;
     }
-    expEightAvx2(x, got);
+    exp_eight(x, got);
     for (int q = 0; q < 8; ++q) {
       if (bitsOf(got[q]) != bitsOf(std::exp(x[q]))) return false;
     }
@@ -337,7 +298,7 @@ bool vectorMathMatchesCLibrary() {
       std::uint32_t positive = bitsOf(x[q]) & 0x7fffffffu;
       std::memcpy(&x[q], &positive, sizeof positive);
     }
-    logEightAvx2(x, got);
+    log_eight(x, got);
     for (int q = 0; q < 8; ++q) {
       if (bitsOf(got[q]) != bitsOf(std::log(x[q]))) return false;
     }
@@ -345,73 +306,94 @@ bool vectorMathMatchesCLibrary() {
   return true;
 }
 
-bool vectorMathAvailable() {
-  static const bool available = cpuHasAvx2AndFma() && vectorMathMatchesCLibrary();
-  return available;
-}
-
-#else
-
-bool vectorMathAvailable() { return false; }
-
 #endif  // __x86_64__
 
-bool use_vector_math = vectorMathAvailable();
-
 }  // namespace
+
+bool processorRuns(VectorMath math) {
+#if defined(__x86_64__)
+  switch (math) {
+    case VectorMath::kAvx2:
+      return processorHasAvx2AndFma();
+    case VectorMath::kAvx512:
+      return processorHasAvx512();
+    case VectorMath::kPlain:
+      break;
+  }
+#endif
+  return math == VectorMath::kPlain;
+}
+
+bool vectorMathAvailable(VectorMath math) {
+#if defined(__x86_64__)
+  static const bool avx2 =
+      processorHasAvx2AndFma() && matchesCLibrary(avx2::expEightChecked, avx2::logEightChecked);
+  static const bool avx512 =
+      avx2 && processorHasAvx512() && matchesCLibrary(avx512::expEightChecked, avx512::logEightChecked);
+  if (math == VectorMath::kAvx2) return avx2;
+  if (math == VectorMath::kAvx512) return avx512;
+#endif
+  return math == VectorMath::kPlain;
+}
+
+VectorMath widestVectorMath() {
+  for (const VectorMath math : {VectorMath::kAvx512, VectorMath::kAvx2}) {
+    if (vectorMathAvailable(math)) return math;
+  }
+  return VectorMath::kPlain;
+}
+
+namespace {
+VectorMath vector_math = widestVectorMath();
+}  // namespace
+
+VectorMath vectorMathInUse() { return vector_math; }
+
+bool useVectorMath(VectorMath math) {
+  if (!vectorMathAvailable(math)) return false;
+  vector_math = math;
+  return true;
+}
 
 void addGaussianTerms(float* bins, std::int64_t first, std::int64_t lo, std::int64_t hi, float w, float mean,
                       float sigma, float step) {
 #if defined(__x86_64__)
-  if (use_vector_math) {
-    addGaussianTermsAvx2(bins, first, lo, hi, w, mean, sigma, step);
-    return;
-  }
+  if (vector_math == VectorMath::kAvx512) return avx512::addGaussianTermsWide(bins, first, lo, hi, w, mean, sigma, step);
+  if (vector_math == VectorMath::kAvx2) return avx2::addGaussianTermsWide(bins, first, lo, hi, w, mean, sigma, step);
 #endif
   addGaussianTermsPlain(bins, first, lo, hi, w, mean, sigma, step);
 }
 
 void addGaussianRuns(float* bins, std::int64_t first, const GaussianRun* runs, int count, float step) {
 #if defined(__x86_64__)
-  if (use_vector_math) {
-    addGaussianRunsAvx2(bins, first, runs, count, step);
-    return;
-  }
+  if (vector_math == VectorMath::kAvx512) return avx512::addGaussianRunsWide(bins, first, runs, count, step);
+  if (vector_math == VectorMath::kAvx2) return avx2::addGaussianRunsWide(bins, first, runs, count, step);
 #endif
   addGaussianRunsPlain(bins, first, runs, count, step);
 }
 
 void logShares(float* bins, std::int64_t n, float sum, float scale, float floor, float log_floor) {
 #if defined(__x86_64__)
-  if (use_vector_math) {
-    logSharesAvx2(bins, n, sum, scale, floor, log_floor);
-    return;
-  }
+  if (vector_math == VectorMath::kAvx512) return avx512::logSharesWide(bins, n, sum, scale, floor, log_floor);
+  if (vector_math == VectorMath::kAvx2) return avx2::logSharesWide(bins, n, sum, scale, floor, log_floor);
 #endif
   logSharesPlain(bins, n, sum, scale, floor, log_floor);
 }
 
-bool exactVectorMathInUse() { return use_vector_math; }
-
-bool useExactVectorMath(bool wide) {
-  use_vector_math = wide && vectorMathAvailable();
-  return !wide || use_vector_math;
-}
-
-void expEightForTesting(const float* x, float* out) {
+void expEightForTesting(VectorMath math, const float* x, float* out) {
 #if defined(__x86_64__)
-  expEightAvx2(x, out);
-#else
+  if (math == VectorMath::kAvx512) return avx512::expEightChecked(x, out);
+  if (math == VectorMath::kAvx2) return avx2::expEightChecked(x, out);
+#endif
   for (int q = 0; q < 8; ++q) out[q] = std::exp(x[q]);
-#endif
 }
 
-void logEightForTesting(const float* x, float* out) {
+void logEightForTesting(VectorMath math, const float* x, float* out) {
 #if defined(__x86_64__)
-  logEightAvx2(x, out);
-#else
-  for (int q = 0; q < 8; ++q) out[q] = std::log(x[q]);
+  if (math == VectorMath::kAvx512) return avx512::logEightChecked(x, out);
+  if (math == VectorMath::kAvx2) return avx2::logEightChecked(x, out);
 #endif
+  for (int q = 0; q < 8; ++q) out[q] = std::log(x[q]);
 }
 
 }  // namespace lut

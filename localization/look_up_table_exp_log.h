@@ -1,15 +1,16 @@
 // The two loops of the histogram kernel that call the C library's expf and
-// logf, each in a plain form and in an eight-lane form.
+// logf, each in a plain form and in eight-lane forms.
 //
 // Every term and every logarithm of a table is defined as the C library's
 // single-precision result, so a faster path may only give the same bits.
-// The eight-lane form reproduces, operation for operation, the expf and
+// The eight-lane forms reproduce, operation for operation, the expf and
 // logf that glibc runs on x86-64 processors with AVX2 and FMA (there it
 // picks its FMA variants; their fused operations are part of what those
-// functions compute, not a contraction of ours). It is used only where the
-// processor has both features and, once per process, a self-check against
-// std::exp and std::log on several thousand arguments gave equal bits; a
-// C library whose functions differ is left to the plain form. Lanes whose
+// functions compute, not a contraction of ours), in AVX2 or in AVX-512
+// (VectorMath below). A form is used only where the processor has its
+// features and, once per process, a self-check against std::exp and
+// std::log on several thousand arguments gave equal bits; a C library
+// whose functions differ is left to the plain form. Lanes whose
 // argument lies outside the range both variants compute by their main
 // formula (underflow, overflow, zero, negative, NaN and the like) are
 // handed to std::exp / std::log one by one.
@@ -54,18 +55,31 @@ void addGaussianRuns(float* bins, std::int64_t first, const GaussianRun* runs, i
 // padding.
 void logShares(float* bins, std::int64_t n, float sum, float scale, float floor, float log_floor);
 
-// Whether the eight-lane forms are in use. Tests switch with
-// useExactVectorMath (not while a table is built): false selects the plain
-// forms; true the eight-lane forms where this processor and C library
-// allow them, and then it returns whether they do.
-bool exactVectorMathInUse();
-bool useExactVectorMath(bool wide);
+// The instruction sets of the eight-lane forms; each gives the same bits.
+// AVX2 works on four lanes of double precision at a time and reads the
+// constant tables by gathers; AVX-512 works on all eight at once and keeps
+// the tables in registers.
+enum class VectorMath { kPlain, kAvx2, kAvx512 };
+
+// Whether this processor has the instructions of `math` (AVX2 and FMA;
+// for AVX-512 also its F, DQ and VL parts).
+bool processorRuns(VectorMath math);
+// Whether the loops may use `math`: the processor runs it and, once per
+// process, its expf and logf gave the C library's bits on several thousand
+// arguments.
+bool vectorMathAvailable(VectorMath math);
+// The widest available form, which the loops use from the start.
+VectorMath widestVectorMath();
+// Tests switch with useVectorMath (not while a table is built): selects
+// `math` when it is available and returns whether it is.
+bool useVectorMath(VectorMath math);
+VectorMath vectorMathInUse();
 
 // The eight-lane expf and logf alone, for tests: out[q] = expf(x[q]) and
-// logf(x[q]) for q < 8, through the vector formula where it applies.
-// Only to be called where the processor has AVX2 and FMA.
-void expEightForTesting(const float* x, float* out);
-void logEightForTesting(const float* x, float* out);
+// logf(x[q]) for q < 8, through `math`'s formula where it applies. Only to
+// be called where processorRuns(math).
+void expEightForTesting(VectorMath math, const float* x, float* out);
+void logEightForTesting(VectorMath math, const float* x, float* out);
 
 }  // namespace lut
 }  // namespace localization

@@ -170,8 +170,9 @@ const float* SigmaMemo::find(float s, int* reach) {
 
 bool useWideVectors(bool wide) {
   addTermRowsIn = pickAddTermRows(wide);
-  const bool exact_math = useExactVectorMath(wide);
-  return !wide || (cpuHasAvx2() && exact_math);
+  const VectorMath math = wide ? widestVectorMath() : VectorMath::kPlain;
+  useVectorMath(math);
+  return !wide || (cpuHasAvx2() && math != VectorMath::kPlain);
 }
 
 void addTermRows(float* bins, const TermRow* rows, int count) {

@@ -24,14 +24,10 @@ float fromBits(std::uint32_t b) {
   return v;
 }
 
-// The eight-lane functions can run here (they are tested even where the
-// self-check turned them down, so that a fault in them shows as one).
-bool vectorMathHere() {
-#if defined(__x86_64__)
-  return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-#else
-  return false;
-#endif
+const VectorMath kEightLaneForms[] = {VectorMath::kAvx2, VectorMath::kAvx512};
+
+const char* nameOf(VectorMath math) {
+  return math == VectorMath::kAvx512 ? "AVX-512" : math == VectorMath::kAvx2 ? "AVX2" : "plain";
 }
 
 // Applies the eight-lane function to the special values and to every
@@ -75,10 +71,19 @@ std::uint32_t strideOr(std::uint32_t stride) { return std::getenv("ZV_EXHAUSTIVE
 const float kInf = std::numeric_limits<float>::infinity();
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-TEST(LookUpTableExpLog, GlibcOnAnAvx2FmaProcessorGetsTheEightLaneForms) {
+// Each form the processor runs passes the self-check, and the widest is
+// used from the start.
+TEST(LookUpTableExpLog, GlibcGetsEveryEightLaneFormTheProcessorRuns) {
 #if defined(__GLIBC__)
-  if (!vectorMathHere()) GTEST_SKIP() << "no AVX2 and FMA";
-  EXPECT_TRUE(useExactVectorMath(true)) << "the self-check against this C library failed";
+  for (const VectorMath math : kEightLaneForms) {
+    if (processorRuns(math)) {
+      EXPECT_TRUE(vectorMathAvailable(math)) << nameOf(math) << ": the self-check failed";
+    }
+  }
+  const VectorMath widest = processorRuns(VectorMath::kAvx512) ? VectorMath::kAvx512
+                            : processorRuns(VectorMath::kAvx2) ? VectorMath::kAvx2
+                                                               : VectorMath::kPlain;
+  EXPECT_EQ(widestVectorMath(), widest);
 #else
   GTEST_SKIP() << "the eight-lane forms follow glibc";
 #endif
@@ -88,8 +93,9 @@ TEST(LookUpTableExpLog, GlibcOnAnAvx2FmaProcessorGetsTheEightLaneForms) {
 // densely; positive ones up to overflow, coarser; the neighbourhood of the
 // formula's limits and the special values too. Logarithms of every positive
 // float, densely.
+// Both forms are tested wherever the processor runs them, even where the
+// self-check turned them down, so that a fault in them shows as one.
 TEST(LookUpTableExpLog, EightLaneFormsAreTheLibrarysOnEveryArgumentATableMeets) {
-  if (!vectorMathHere()) GTEST_SKIP() << "no AVX2 and FMA";
   const auto c_exp = [](float x) { return std::exp(x); };
   const auto c_log = [](float x) { return std::log(x); };
   const std::vector<float> exp_specials = {0.f, -0.f, 88.72283f, 88.72284f, -103.27893f, -103.27894f, -103.972f,
@@ -97,16 +103,21 @@ TEST(LookUpTableExpLog, EightLaneFormsAreTheLibrarysOnEveryArgumentATableMeets) 
   const std::vector<float> log_specials = {0.f, -0.f, 1.f, kInf, -kInf, kNaN, -1.f, 1e-45f, 1.1754942e-38f,
                                            1.1754944e-38f, std::nextafter(1.f, 2.f), std::nextafter(1.f, 0.f),
                                            0.15f, 3.4028235e38f, 0.5f, 2.f};
-  std::uint64_t count = 0;
-  // Negative floats ascend in bits towards -inf.
-  EXPECT_EQ(mismatches(exp_specials, bitsOf(-0.0f), bitsOf(-104.0f), strideOr(23), expEightForTesting, c_exp,
-                       &count),
-            std::vector<float>());
-  EXPECT_GT(count, 45'000'000u);
-  EXPECT_EQ(mismatches({}, 0u, bitsOf(89.f), strideOr(211), expEightForTesting, c_exp, &count), std::vector<float>());
-  EXPECT_EQ(mismatches(log_specials, 0u, bitsOf(kInf), strideOr(41), logEightForTesting, c_log, &count),
-            std::vector<float>());
-  EXPECT_GT(count, 50'000'000u);
+  for (const VectorMath math : kEightLaneForms) {
+    if (!processorRuns(math)) continue;
+    SCOPED_TRACE(nameOf(math));
+    const auto exp_eight = [math](const float* x, float* out) { expEightForTesting(math, x, out); };
+    const auto log_eight = [math](const float* x, float* out) { logEightForTesting(math, x, out); };
+    std::uint64_t count = 0;
+    // Negative floats ascend in bits towards -inf.
+    EXPECT_EQ(mismatches(exp_specials, bitsOf(-0.0f), bitsOf(-104.0f), strideOr(23), exp_eight, c_exp, &count),
+              std::vector<float>());
+    EXPECT_GT(count, 45'000'000u);
+    EXPECT_EQ(mismatches({}, 0u, bitsOf(89.f), strideOr(211), exp_eight, c_exp, &count), std::vector<float>());
+    EXPECT_EQ(mismatches(log_specials, 0u, bitsOf(kInf), strideOr(41), log_eight, c_log, &count),
+              std::vector<float>());
+    EXPECT_GT(count, 50'000'000u);
+  }
 }
 
 // The two loops in both forms, against their definition, on runs that start
@@ -118,8 +129,9 @@ TEST(LookUpTableExpLog, BothFormsOfTheLoopsGiveTheDefinedBins) {
   const Term terms[] = {{0.7f, 3.3f, 8.f, 0.15f},    {2.f, -40.f, 0.02f, 0.37f}, {kInf, 1.f, 0.f, 0.15f},
                         {1e-30f, 0.f, 1e9f, 1.f},    {-0.5f, 7.9f, 3.f, 0.15f},  {0.3f, kNaN, 2.f, 0.15f},
                         {1.f, 2.f, -4.f, 1.f},       {0.f, 2.f, 1e-3f, 1.f},     {kInf, 0.f, 1e-3f, 1.f}};
-  for (const bool wide : {false, true}) {
-    if (!useExactVectorMath(wide)) continue;
+  for (const VectorMath math : {VectorMath::kPlain, VectorMath::kAvx2, VectorMath::kAvx512}) {
+    if (!useVectorMath(math)) continue;
+    const char* const form = nameOf(math);
     for (std::int64_t lo = -9; lo <= 2; ++lo) {
       for (std::int64_t hi = lo - 1; hi <= lo + 19; ++hi) {
         const std::int64_t first = -12;
@@ -145,9 +157,9 @@ TEST(LookUpTableExpLog, BothFormsOfTheLoopsGiveTheDefinedBins) {
         addGaussianRuns(run_bins.data(), first, runs.data(), static_cast<int>(runs.size()), 0.15f);
         for (std::size_t k = 0; k < bins.size(); ++k) {
           ASSERT_TRUE(same(bins[k], want[k]))
-              << (wide ? "wide" : "plain") << " lo " << lo << " hi " << hi << " bin " << k;
+              << form << " lo " << lo << " hi " << hi << " bin " << k;
           ASSERT_TRUE(same(run_bins[k], run_want[k]))
-              << (wide ? "wide" : "plain") << " runs, lo " << lo << " hi " << hi << " bin " << k;
+              << form << " runs, lo " << lo << " hi " << hi << " bin " << k;
         }
 
         // Shares: zero bins give exactly the floor, the last one exactly 1
@@ -166,12 +178,12 @@ TEST(LookUpTableExpLog, BothFormsOfTheLoopsGiveTheDefinedBins) {
           const float want = bitsOf(a) == bitsOf(floor) ? -7.f : std::log(a);
           const float got = logs[static_cast<std::size_t>(k)];
           ASSERT_TRUE(same(got, want))
-              << (wide ? "wide" : "plain") << " n " << n << " value " << k;
+              << form << " n " << n << " value " << k;
         }
       }
     }
   }
-  useExactVectorMath(true);
+  useVectorMath(widestVectorMath());
 }
 
 }  // namespace
