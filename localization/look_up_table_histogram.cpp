@@ -67,6 +67,25 @@ __attribute__((target("avx2"))) void addTermRowsAvx2(float* bins, const TermRow*
     for (int q = 0; q < kLanes; ++q) _mm256_store_ps(b + 8 * q, a[q]);
   }
 }
+// Two registers a chunk; the bins buffer is only 32-byte aligned, so its
+// loads and stores are the unaligned forms.
+__attribute__((target("avx512f"))) void addTermRowsAvx512(float* bins, const TermRow* rows, int count,
+                                                         std::int32_t from, std::int32_t to) {
+  constexpr int kLanes = kChunk / 16;
+  for (std::int32_t c = from; c < to; ++c) {
+    float* const b = bins + kChunk * c;
+    __m512 a[kLanes];
+    for (int q = 0; q < kLanes; ++q) a[q] = _mm512_loadu_ps(b + 16 * q);
+    for (int r = 0; r < count; ++r) {
+      const TermRow& row = rows[r];
+      if (c < row.chunk_from || c >= row.chunk_to) continue;
+      const float* const t = row.terms + kChunk * (c - row.chunk_from);
+      const __m512 w = _mm512_set1_ps(row.w);
+      for (int q = 0; q < kLanes; ++q) a[q] = _mm512_add_ps(a[q], _mm512_mul_ps(w, _mm512_loadu_ps(t + 16 * q)));
+    }
+    for (int q = 0; q < kLanes; ++q) _mm512_storeu_ps(b + 16 * q, a[q]);
+  }
+}
 #endif
 
 void addTermRowsPlain(float* bins, const TermRow* rows, int count, std::int32_t from, std::int32_t to) {
@@ -94,23 +113,19 @@ void addTermRowsPlain(float* bins, const TermRow* rows, int count, std::int32_t 
   }
 }
 
-bool cpuHasAvx2() {
-#if defined(__x86_64__) || defined(__i386__)
-  return __builtin_cpu_supports("avx2");
-#else
-  return false;
-#endif
-}
-
 using AddTermRows = void (*)(float*, const TermRow*, int, std::int32_t, std::int32_t);
-AddTermRows pickAddTermRows(bool wide) {
+// The rows' loop of `forms`, or nullptr when the processor lacks it.
+AddTermRows addTermRowsOf(VectorMath forms) {
 #if defined(__x86_64__) || defined(__i386__)
-  if (wide && cpuHasAvx2()) return addTermRowsAvx2;
+  if (forms == VectorMath::kAvx512) return __builtin_cpu_supports("avx512f") ? addTermRowsAvx512 : nullptr;
+  if (forms == VectorMath::kAvx2) return __builtin_cpu_supports("avx2") ? addTermRowsAvx2 : nullptr;
+#else
+  if (forms != VectorMath::kPlain) return nullptr;
 #endif
   return addTermRowsPlain;
 }
-// Chosen once by the processor's features.
-AddTermRows addTermRowsIn = pickAddTermRows(true);
+// The widest forms available, chosen once at start.
+AddTermRows addTermRowsIn = addTermRowsOf(widestVectorMath());
 
 // Floats of slack that let a buffer start on a 32-byte boundary.
 constexpr std::int64_t kAlignSlack = 8;
@@ -168,11 +183,11 @@ const float* SigmaMemo::find(float s, int* reach) {
   return arena_.get() + t.centre;
 }
 
-bool useWideVectors(bool wide) {
-  addTermRowsIn = pickAddTermRows(wide);
-  const VectorMath math = wide ? widestVectorMath() : VectorMath::kPlain;
-  useVectorMath(math);
-  return !wide || (cpuHasAvx2() && math != VectorMath::kPlain);
+bool useVectorForms(VectorMath forms) {
+  const AddTermRows rows = addTermRowsOf(forms);
+  const bool math = useVectorMath(forms);
+  if (rows != nullptr) addTermRowsIn = rows;
+  return rows != nullptr && math;
 }
 
 void addTermRows(float* bins, const TermRow* rows, int count) {

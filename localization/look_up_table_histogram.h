@@ -108,14 +108,15 @@ bool memoRow(SigmaMemo* memo, std::int64_t first, std::int64_t n, float w, float
 // registers, so a bin is loaded and stored once per call.
 void addTermRows(float* bins, const TermRow* rows, int count);
 
-// The memo runs use 256-bit AVX2 instructions where the processor has them
-// (chosen at start), 128-bit SSE otherwise, and the exponentials and
-// logarithms run eight at a time where look_up_table_exp_log.h allows it;
-// every choice gives the same bits. Tests switch with this (not while a
-// table is built): false selects SSE and the plain loops, true the wide
-// forms where available. Returns false when they were asked for and are
-// missing.
-bool useWideVectors(bool wide);
+// The memo rows are added with 512-bit AVX-512 instructions, 256-bit AVX2
+// or 128-bit SSE, and the exponentials and logarithms run eight at a time
+// in AVX-512 or AVX2 or one at a time (look_up_table_exp_log.h): the widest
+// forms available are chosen at start, and every choice gives the same
+// bits. Tests switch with this (not while a table is built): kPlain
+// selects SSE rows and the plain loops, kAvx2 and kAvx512 the forms of that
+// instruction set. Returns false when the processor or the C library does
+// not allow them; the parts that are allowed are selected all the same.
+bool useVectorForms(VectorMath forms);
 
 // Adds weight * exp(-((float)k * step - mean)^2 / sigma) into bins[k - first]
 // for every bin k of [first, first + n) where the term can differ from +-0.

@@ -73,15 +73,15 @@ std::string firstDifference(const float* fast, const std::vector<float>& plain, 
   return "";
 }
 
-// Runs check() with the SSE forms and, where the processor has them, the
-// AVX2 forms; the AVX2 forms are in use again afterwards.
+// Runs check() with the SSE and plain forms and with each wider form the
+// processor has; the widest forms are in use again afterwards.
 template <class Check>
 void forEachWidth(Check check) {
-  for (bool wide : {false, true}) {
-    SCOPED_TRACE(wide ? "AVX2" : "SSE");
-    if (useWideVectors(wide)) check();
+  for (const VectorMath forms : {VectorMath::kPlain, VectorMath::kAvx2, VectorMath::kAvx512}) {
+    SCOPED_TRACE(forms == VectorMath::kPlain ? "SSE" : forms == VectorMath::kAvx2 ? "AVX2" : "AVX-512");
+    if (useVectorForms(forms)) check();
   }
-  useWideVectors(true);
+  useVectorForms(widestVectorMath());
 }
 
 TEST(LookUpTableHistogram, AddComponentEqualsTheBinByBinSum) {

@@ -180,18 +180,20 @@ TEST(LookUpTableExact, RandomAndSyntheticMatricesMatchThePlainBuilder) {
     const GridMatrixTable plain =
         withThreads(2, [&] { return plainLookUpTable(c.matrix, c.factor, c.height_step, c.value_step); });
     for (int threads : {1, 2, 3, 7}) {
-      // The vector forms: SSE and plain exponentials with one thread, AVX2
-      // exponentials with two (where the processor has wider ones too),
-      // the processor's widest otherwise.
-      zorvane::localization::lut::useWideVectors(threads != 1);
-      if (threads == 2) zorvane::localization::lut::useVectorMath(zorvane::localization::lut::VectorMath::kAvx2);
+      // The vector forms: SSE rows and plain exponentials with one thread,
+      // AVX2 with two (where the processor has wider ones too), the
+      // processor's widest otherwise.
+      using zorvane::localization::lut::VectorMath;
+      zorvane::localization::lut::useVectorForms(threads == 1   ? VectorMath::kPlain
+                                                 : threads == 2 ? VectorMath::kAvx2
+                                                                : zorvane::localization::lut::widestVectorMath());
       const GridMatrixTable fast =
           withThreads(threads, [&] { return c.matrix.getLookUpTable(c.factor, c.height_step, c.value_step); });
       ASSERT_TRUE(sameTable(fast, plain)) << "case " << i << " (seeds from 1, then synthetic), " << threads
                                           << " threads, factor " << c.factor << ", steps " << c.height_step
                                           << "/" << c.value_step;
     }
-    zorvane::localization::lut::useWideVectors(true);
+    zorvane::localization::lut::useVectorForms(zorvane::localization::lut::widestVectorMath());
     if (HasFatalFailure()) return;
   }
 }
