@@ -45,13 +45,23 @@ void termRange(float w, float mean, float sigma, float step, std::int64_t first,
   if (to < static_cast<double>(*hi)) *hi = to < static_cast<double>(first) ? first - 1 : static_cast<std::int64_t>(to);
 }
 
+// Adds the bins of the chunk at b, bins [at, at + kChunk) of the histogram,
+// that lie below n to *sum, in ascending order.
+inline void addChunkToSum(const float* b, std::int64_t at, std::int64_t n, float* sum) {
+  const std::int64_t end = std::min(kChunk, n - at);
+  float s = *sum;
+  for (std::int64_t q = 0; q < end; ++q) s += b[q];
+  *sum = s;
+}
+
 // addTermRows in each instruction set. Every lane is one single-precision
 // multiply and one add, as in scalar code (no fused multiply-add), whatever
 // the vector width. A chunk's bins stay in registers while the rows go by;
 // a row that does not reach the chunk is passed over.
 #if defined(__x86_64__) || defined(__i386__)
 __attribute__((target("avx2"))) void addTermRowsAvx2(float* bins, const TermRow* rows, int count,
-                                                     std::int32_t from, std::int32_t to) {
+                                                     std::int32_t from, std::int32_t to, std::int64_t sum_n,
+                                                     float* sum) {
   constexpr int kLanes = kChunk / 8;
   for (std::int32_t c = from; c < to; ++c) {
     float* const b = bins + kChunk * c;
@@ -65,12 +75,14 @@ __attribute__((target("avx2"))) void addTermRowsAvx2(float* bins, const TermRow*
       for (int q = 0; q < kLanes; ++q) a[q] = _mm256_add_ps(a[q], _mm256_mul_ps(w, _mm256_loadu_ps(t + 8 * q)));
     }
     for (int q = 0; q < kLanes; ++q) _mm256_store_ps(b + 8 * q, a[q]);
+    if (sum != nullptr) addChunkToSum(b, kChunk * c, sum_n, sum);
   }
 }
 // Two registers a chunk; the bins buffer is only 32-byte aligned, so its
 // loads and stores are the unaligned forms.
 __attribute__((target("avx512f"))) void addTermRowsAvx512(float* bins, const TermRow* rows, int count,
-                                                         std::int32_t from, std::int32_t to) {
+                                                         std::int32_t from, std::int32_t to, std::int64_t sum_n,
+                                                         float* sum) {
   constexpr int kLanes = kChunk / 16;
   for (std::int32_t c = from; c < to; ++c) {
     float* const b = bins + kChunk * c;
@@ -84,11 +96,13 @@ __attribute__((target("avx512f"))) void addTermRowsAvx512(float* bins, const Ter
       for (int q = 0; q < kLanes; ++q) a[q] = _mm512_add_ps(a[q], _mm512_mul_ps(w, _mm512_loadu_ps(t + 16 * q)));
     }
     for (int q = 0; q < kLanes; ++q) _mm512_storeu_ps(b + 16 * q, a[q]);
+    if (sum != nullptr) addChunkToSum(b, kChunk * c, sum_n, sum);
   }
 }
 #endif
 
-void addTermRowsPlain(float* bins, const TermRow* rows, int count, std::int32_t from, std::int32_t to) {
+void addTermRowsPlain(float* bins, const TermRow* rows, int count, std::int32_t from, std::int32_t to,
+                      std::int64_t sum_n, float* sum) {
   for (std::int32_t c = from; c < to; ++c) {
     float* const b = bins + kChunk * c;
 #if defined(__SSE2__)
@@ -110,10 +124,13 @@ void addTermRowsPlain(float* bins, const TermRow* rows, int count, std::int32_t 
       for (int q = 0; q < kChunk; ++q) b[q] += row.w * t[q];
     }
 #endif
+    if (sum != nullptr) addChunkToSum(b, kChunk * c, sum_n, sum);
   }
 }
 
-using AddTermRows = void (*)(float*, const TermRow*, int, std::int32_t, std::int32_t);
+// With a sum, each chunk's bins below sum_n are added to it as soon as the
+// chunk is finished (addTermRowsAndSum).
+using AddTermRows = void (*)(float*, const TermRow*, int, std::int32_t, std::int32_t, std::int64_t, float*);
 // The rows' loop of `forms`, or nullptr when the processor lacks it.
 AddTermRows addTermRowsOf(VectorMath forms) {
 #if defined(__x86_64__) || defined(__i386__)
@@ -190,18 +207,38 @@ bool useVectorForms(VectorMath forms) {
   return rows != nullptr && math;
 }
 
-void addTermRows(float* bins, const TermRow* rows, int count) {
-  std::int32_t from = 0, to = 0;
+namespace {
+
+// The chunks [*from, *to) that some row reaches; empty when none does.
+void chunksReached(const TermRow* rows, int count, std::int32_t* from, std::int32_t* to) {
+  *from = *to = 0;
   for (int r = 0; r < count; ++r) {
     if (rows[r].chunk_from >= rows[r].chunk_to) continue;
-    if (from == to) {
-      from = rows[r].chunk_from;
-      to = rows[r].chunk_to;
+    if (*from == *to) {
+      *from = rows[r].chunk_from;
+      *to = rows[r].chunk_to;
     }
-    from = std::min(from, rows[r].chunk_from);
-    to = std::max(to, rows[r].chunk_to);
+    *from = std::min(*from, rows[r].chunk_from);
+    *to = std::max(*to, rows[r].chunk_to);
   }
-  addTermRowsIn(bins, rows, count, from, to);
+}
+
+}  // namespace
+
+void addTermRows(float* bins, const TermRow* rows, int count) {
+  std::int32_t from = 0, to = 0;
+  chunksReached(rows, count, &from, &to);
+  addTermRowsIn(bins, rows, count, from, to, 0, nullptr);
+}
+
+float addTermRowsAndSum(float* bins, const TermRow* rows, int count, std::int64_t n) {
+  std::int32_t from = 0, to = 0;
+  chunksReached(rows, count, &from, &to);
+  // The zero bins outside [from, to) would add +0 to a sum that is never
+  // -0 (it starts at +0, and x + -x is +0), which leaves it as it is.
+  float sum = 0.f;
+  addTermRowsIn(bins, rows, count, from, to, n, &sum);
+  return sum;
 }
 
 bool memoRow(SigmaMemo* memo, std::int64_t first, std::int64_t n, float w, float mean, float sigma, float step,
@@ -283,6 +320,7 @@ void HistogramKernel::build(const BlockWalker& walker, std::int64_t i, std::int6
   const std::int64_t height_last = r.height_first + r.height_n - 1;
   pending_count_ = 0;
   row_count_ = 0;
+  value_rows_added_ = false;
   walker.forEachCell(i, j, [&](const MCell& cell) {
     for (int c = 0; c < 2; ++c) {
       if (r.value_n > 0) {
@@ -294,6 +332,7 @@ void HistogramKernel::build(const BlockWalker& walker, std::int64_t i, std::int6
           flushValueRows();
           addComponent(vbins, r.value_first, r.value_n, cell.value_weight[c], cell.value_mean[c], cell.value_sigma[c],
                        value_step, nullptr);
+          value_rows_added_ = true;
         }
       }
       if (r.height_n > 0) {
@@ -305,10 +344,18 @@ void HistogramKernel::build(const BlockWalker& walker, std::int64_t i, std::int6
       }
     }
   });
-  // The value sum is one long chain of dependent additions; issued before
-  // the height exponentials, which do not depend on it, the two overlap.
-  flushValueRows();
-  const float value_sum = ascendingSum(vbins, r.value_n);
+  // The value sum is one long chain of dependent additions. When the rows
+  // still gathered are all the block's value terms (the usual case), it is
+  // taken while they are added; otherwise it is issued before the height
+  // exponentials, which do not depend on it, so that the two overlap.
+  float value_sum;
+  if (!value_rows_added_) {
+    value_sum = addTermRowsAndSum(vbins, rows_, row_count_, r.value_n);
+    row_count_ = 0;
+  } else {
+    flushValueRows();
+    value_sum = ascendingSum(vbins, r.value_n);
+  }
   flushHeightRuns(r.height_first, height_step);
   normaliseInto(vbins, r.value_n, value_sum, scale, floor, log_floor, value_out);
   normaliseInto(hbins, r.height_n, ascendingSum(hbins, r.height_n), scale, floor, log_floor, height_out);
@@ -320,8 +367,10 @@ void HistogramKernel::flushHeightRuns(std::int64_t first, float height_step) {
 }
 
 void HistogramKernel::flushValueRows() {
+  if (row_count_ == 0) return;
   addTermRows(value_bins_, rows_, row_count_);
   row_count_ = 0;
+  value_rows_added_ = true;
 }
 
 void HistogramKernel::finish() {

@@ -108,6 +108,13 @@ bool memoRow(SigmaMemo* memo, std::int64_t first, std::int64_t n, float w, float
 // registers, so a bin is loaded and stored once per call.
 void addTermRows(float* bins, const TermRow* rows, int count);
 
+// addTermRows, returning ascendingSum(bins, n) of the result. The sum is
+// taken a chunk at a time as each chunk is finished, so that its long
+// chain of dependent additions overlaps the next chunk's rows instead of
+// following them. Every bin of [0, n) that no row's chunks cover must be
+// zero, as in a histogram that nothing else was added to.
+float addTermRowsAndSum(float* bins, const TermRow* rows, int count, std::int64_t n);
+
 // The memo rows are added with 512-bit AVX-512 instructions, 256-bit AVX2
 // or 128-bit SSE, and the exponentials and logarithms run eight at a time
 // in AVX-512 or AVX2 or one at a time (look_up_table_exp_log.h): the widest
@@ -165,6 +172,9 @@ class HistogramKernel {
   static constexpr int kPendingRows = 64;
   TermRow rows_[kPendingRows];
   int row_count_ = 0;
+  // Whether value terms of the current block were already added to its
+  // bins (by a flush or directly) rather than still gathered.
+  bool value_rows_added_ = false;
   void flushValueRows();
 
   std::vector<float> storage_;  // both bins buffers, aligned within

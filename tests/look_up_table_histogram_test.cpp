@@ -139,6 +139,22 @@ TEST(LookUpTableHistogram, GatheredRowsEqualTheBinByBinSum) {
       }
       addTermRows(fast.data(), rows.data(), static_cast<int>(rows.size()));
       ASSERT_EQ(firstDifference(fast.data(), plain, first), "") << "round " << round;
+
+      // All the memo rows in one call that also sums the bins: the same
+      // bins, and the sum of the first n in ascending order, the padding
+      // (which may hold terms) left out.
+      rows.clear();
+      std::vector<float> memo_plain(static_cast<std::size_t>(n), 0.f);
+      for (const Component& c : comps) {
+        TermRow row;
+        if (!memoRow(&memo, first, n, c.weight, c.mean, c.sigma, 1.0f, &row)) continue;
+        rows.push_back(row);
+        addPlainTerms(c, first, 1.0f, &memo_plain);
+      }
+      Bins summed(n);
+      const float sum = addTermRowsAndSum(summed.data(), rows.data(), static_cast<int>(rows.size()), n);
+      ASSERT_EQ(firstDifference(summed.data(), memo_plain, first), "") << "round " << round;
+      ASSERT_TRUE(same(sum, ascendingSum(memo_plain.data(), n))) << "round " << round << ": " << sum;
     }
   });
 }
