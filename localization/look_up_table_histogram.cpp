@@ -141,8 +141,15 @@ AddTermRows addTermRowsOf(VectorMath forms) {
 #endif
   return addTermRowsPlain;
 }
-// The widest forms available, chosen once at start.
-AddTermRows addTermRowsIn = addTermRowsOf(widestVectorMath());
+// The widest rows' loop the processor runs, chosen once at start (the
+// rows need no self-check: they call no library function).
+AddTermRows widestAddTermRows() {
+  for (const VectorMath forms : {VectorMath::kAvx512, VectorMath::kAvx2}) {
+    if (const AddTermRows rows = addTermRowsOf(forms)) return rows;
+  }
+  return addTermRowsPlain;
+}
+AddTermRows addTermRowsIn = widestAddTermRows();
 
 // Floats of slack that let a buffer start on a 32-byte boundary.
 constexpr std::int64_t kAlignSlack = 8;
