@@ -347,8 +347,6 @@ namespace {
 VectorMath vector_math = widestVectorMath();
 }  // namespace
 
-VectorMath vectorMathInUse() { return vector_math; }
-
 bool useVectorMath(VectorMath math) {
   if (!vectorMathAvailable(math)) return false;
   vector_math = math;

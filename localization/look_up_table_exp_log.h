@@ -73,7 +73,6 @@ VectorMath widestVectorMath();
 // Tests switch with useVectorMath (not while a table is built): selects
 // `math` when it is available and returns whether it is.
 bool useVectorMath(VectorMath math);
-VectorMath vectorMathInUse();
 
 // The eight-lane expf and logf alone, for tests: out[q] = expf(x[q]) and
 // logf(x[q]) for q < 8, through `math`'s formula where it applies. Only to

@@ -117,9 +117,10 @@ float addTermRowsAndSum(float* bins, const TermRow* rows, int count, std::int64_
 
 // The memo rows are added with 512-bit AVX-512 instructions, 256-bit AVX2
 // or 128-bit SSE, and the exponentials and logarithms run eight at a time
-// in AVX-512 or AVX2 or one at a time (look_up_table_exp_log.h): the widest
-// forms available are chosen at start, and every choice gives the same
-// bits. Tests switch with this (not while a table is built): kPlain
+// in AVX-512 or AVX2 or one at a time (look_up_table_exp_log.h). At start
+// the rows take the widest instructions the processor has, the
+// exponentials the widest form that passed its self-check; every choice
+// gives the same bits. Tests switch with this (not while a table is built): kPlain
 // selects SSE rows and the plain loops, kAvx2 and kAvx512 the forms of that
 // instruction set. Returns false when the processor or the C library does
 // not allow them; the parts that are allowed are selected all the same.
