@@ -111,6 +111,20 @@ GridMatrix plainMatrix(const bench::PlainMap& plain) {
   return m;
 }
 
+// The four gpu_aligner calls of a start-up, as the server makes them: the
+// geometry of `matrix` with its cells and index, then the table's.
+template <class Cells, class Index>
+void uploadFourCalls(const localization::GridMatrixBase& matrix, const Cells& cells, const Index& index,
+                     const GridMatrixTable& table) {
+  localization::cudaSetMatrixConfig(localization::matrixConfigOf(matrix));
+  localization::cudaSetMatrixCells(cells.data(), static_cast<int>(cells.size()), index.data(),
+                                   static_cast<int>(index.size()));
+  localization::cudaSetMatrixConfigCoarse(localization::matrixConfigOf(table));
+  localization::cudaSetMatrixCellsCoarse(table.height_table_.data(), static_cast<int>(table.height_table_.size()),
+                                         table.value_table_.data(), static_cast<int>(table.value_table_.size()),
+                                         table.coarse_cells_.data());
+}
+
 // Runs one operation; false when it failed.
 bool runChild(const std::string& op, const std::string& path, double* seconds, double* cpu) {
   QuietStdout quiet;
@@ -173,13 +187,7 @@ bool runChild(const std::string& op, const std::string& path, double* seconds, d
     const GridMatrix& m = map.matrix();
     const GridMatrixTable& t = map.matrixTable(4);
     const Timer start;
-    localization::cudaSetMatrixConfig(localization::matrixConfigOf(m));
-    localization::cudaSetMatrixCells(m.cells_.data(), static_cast<int>(m.cells_.size()), m.index_.data(),
-                                     static_cast<int>(m.index_.size()));
-    localization::cudaSetMatrixConfigCoarse(localization::matrixConfigOf(t));
-    localization::cudaSetMatrixCellsCoarse(t.height_table_.data(), static_cast<int>(t.height_table_.size()),
-                                           t.value_table_.data(), static_cast<int>(t.value_table_.size()),
-                                           t.coarse_cells_.data());
+    uploadFourCalls(m, m.cells_, m.index_, t);
     *seconds = start.stop(cpu);
     return true;
   }
@@ -192,13 +200,7 @@ bool runChild(const std::string& op, const std::string& path, double* seconds, d
     bench::PlainMap plain;
     if (!bench::plainLoad(path, true, &plain)) return false;
     const GridMatrixTable table = reference::plainLookUpTable(plainMatrix(plain), 4, 0.15f, 1.0f);
-    localization::cudaSetMatrixConfig(localization::matrixConfigOf(plain.matrix));
-    localization::cudaSetMatrixCells(plain.cells.data(), static_cast<int>(plain.cells.size()), plain.index.data(),
-                                     static_cast<int>(plain.index.size()));
-    localization::cudaSetMatrixConfigCoarse(localization::matrixConfigOf(table));
-    localization::cudaSetMatrixCellsCoarse(table.height_table_.data(), static_cast<int>(table.height_table_.size()),
-                                           table.value_table_.data(), static_cast<int>(table.value_table_.size()),
-                                           table.coarse_cells_.data());
+    uploadFourCalls(plain.matrix, plain.cells, plain.index, table);
     *seconds = start.stop(cpu);
     return true;
   }
