@@ -5,7 +5,8 @@
 // touched and hides that cost and its spread.)
 //
 //   startup_bench [--runs N] [--plain_runs M] [--map PATH] [--threads T]
-//                 [--only OPS] [--settle S]
+//                 [--only OPS] [--settle S] [--memory cold|warm|mixed]
+//                 [--warm_gib G] [--cold_wait W]
 //
 // Generates the synthetic 5000 x 5000 street map into PATH when it is
 // missing (default build/startup_map_5000.zvmap relative to the working
@@ -19,10 +20,27 @@
 // previous child (up to 3.4 GB for the plain start-up) would otherwise fall
 // on the next one, and a vehicle starts on a machine that is not doing it.
 //
+// --memory MODE sets what the memory a child is handed has been through.
+// On a virtual machine that hands freed memory back to its host (free page
+// reporting: about two seconds after a free, in blocks of 2 MiB and up),
+// the first touch of such memory also costs a fault in the host, and the
+// child's time then depends on how much memory the previous children freed
+// and how long ago. Bare metal has no such cost.
+//   cold:  the driver waits --cold_wait W seconds (default 6) instead of
+//          the settle pause, so that freed memory is back with the host
+//          (default: the worst case of such a machine);
+//   warm:  after the settle pause the driver faults in and releases
+//          --warm_gib G GiB (default 4, more than any child's peak), so the
+//          child is handed memory the guest has just used, as bare metal
+//          hands out any free memory;
+//   mixed: the settle pause alone (what the figures before 2026-11-24
+//          06:00 UTC measured).
+//
 // A child is this program again with --child OP: it does the untimed
 // preparation the operation needs (the load, for the table alone), times
 // the operation and prints "RESULT <seconds> <peak resident bytes>".
 #include <omp.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -227,6 +245,39 @@ const Operation kOperations[] = {
     {"plain_init", "init (plain)", true},
 };
 
+// What the memory a child is handed has been through (see the top).
+struct MemoryPreparation {
+  std::string mode = "cold";
+  double settle = 1.0;     // seconds, warm and mixed
+  double warm_gib = 4.0;   // faulted in and released, warm
+  double cold_wait = 6.0;  // seconds, cold
+};
+
+void sleepSeconds(double s) { std::this_thread::sleep_for(std::chrono::duration<double>(s)); }
+
+// Faults in `bytes` of fresh memory and releases it at once.
+bool touchAndRelease(std::size_t bytes) {
+  void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (p == MAP_FAILED) return false;
+  (void)madvise(p, bytes, MADV_NOHUGEPAGE);
+#if defined(MADV_POPULATE_WRITE)
+  if (madvise(p, bytes, MADV_POPULATE_WRITE) != 0)
+#endif
+    for (std::size_t at = 0; at < bytes; at += 4096) static_cast<volatile char*>(p)[at] = 1;
+  munmap(p, bytes);
+  return true;
+}
+
+bool prepareMemory(const MemoryPreparation& m) {
+  if (m.mode == "cold") {
+    sleepSeconds(m.cold_wait);
+    return true;
+  }
+  sleepSeconds(m.settle);
+  if (m.mode == "warm") return touchAndRelease(static_cast<std::size_t>(m.warm_gib * (1 << 30)));
+  return m.mode == "mixed";
+}
+
 struct Sample {
   double seconds = 0;
   double peak_bytes = 0;
@@ -267,7 +318,7 @@ bool ensureMap(const std::string& path) {
 }
 
 int driver(const std::string& self, const std::string& path, int runs, int plain_runs, int threads,
-           const std::string& only, double settle) {
+           const std::string& only, const MemoryPreparation& memory) {
   if (!ensureMap(path)) {
     std::cerr << "cannot write " << path << "\n";
     return 1;
@@ -286,7 +337,10 @@ int driver(const std::string& self, const std::string& path, int runs, int plain
     for (const Operation* op : ops) {
       if (op->plain_is_slow && r >= plain_runs) continue;
       Sample s;
-      std::this_thread::sleep_for(std::chrono::duration<double>(settle));
+      if (!prepareMemory(memory)) {
+        std::cerr << "cannot prepare memory (--memory " << memory.mode << ")\n";
+        return 1;
+      }
       if (!runInChild(self, op->name, path, &s)) {
         std::cerr << "run " << r << " of " << op->name << " failed\n";
         return 1;
@@ -296,8 +350,8 @@ int driver(const std::string& self, const std::string& path, int runs, int plain
     }
   }
   std::ifstream file(path, std::ios::binary | std::ios::ate);
-  std::printf("map %s: %lld bytes; %d threads; seconds per fresh process\n", path.c_str(),
-              static_cast<long long>(file.tellg()), threads);
+  std::printf("map %s: %lld bytes; %d threads; memory %s; seconds per fresh process\n", path.c_str(),
+              static_cast<long long>(file.tellg()), threads, memory.mode.c_str());
   std::printf("| %-38s | %4s | %6s | %6s | %6s | %6s | %8s | %10s |\n", "operation", "runs", "min", "median", "p90",
               "max", "peak MB", "median CPU");
   std::printf("|%s|------|--------|--------|--------|--------|----------|------------|\n",
@@ -329,7 +383,7 @@ int driver(const std::string& self, const std::string& path, int runs, int plain
 int main(int argc, char** argv) {
   std::string child, path = "build/startup_map_5000.zvmap", only;
   int runs = 10, plain_runs = 3, threads = 2;
-  double settle = 1.0;
+  zorvane::MemoryPreparation memory;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     const bool has_value = i + 1 < argc;
@@ -346,10 +400,16 @@ int main(int argc, char** argv) {
     } else if (arg == "--only" && has_value) {
       only = argv[++i];
     } else if (arg == "--settle" && has_value) {
-      settle = std::atof(argv[++i]);
+      memory.settle = std::atof(argv[++i]);
+    } else if (arg == "--memory" && has_value) {
+      memory.mode = argv[++i];
+    } else if (arg == "--warm_gib" && has_value) {
+      memory.warm_gib = std::atof(argv[++i]);
+    } else if (arg == "--cold_wait" && has_value) {
+      memory.cold_wait = std::atof(argv[++i]);
     } else {
       std::cerr << "usage: startup_bench [--runs N] [--plain_runs M] [--map PATH] [--threads T] [--only OPS]"
-                   " [--settle S]\n";
+                   " [--settle S] [--memory cold|warm|mixed] [--warm_gib G] [--cold_wait W]\n";
       return 2;
     }
   }
@@ -363,5 +423,9 @@ int main(int argc, char** argv) {
   const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
   if (n <= 0) return 1;
   self[n] = '\0';
-  return zorvane::driver(self, path, runs, plain_runs, threads, only, settle);
+  if (memory.mode != "warm" && memory.mode != "cold" && memory.mode != "mixed") {
+    std::cerr << "--memory takes cold, warm or mixed\n";
+    return 2;
+  }
+  return zorvane::driver(self, path, runs, plain_runs, threads, only, memory);
 }
