@@ -29,6 +29,7 @@
 #include "localization/look_up_table_block_walk.h"
 #include "localization/look_up_table_histogram.h"
 #include "localization/look_up_table_packing.h"
+#include "localization/map_allocator.h"
 
 namespace zorvane {
 namespace localization {
@@ -44,8 +45,10 @@ constexpr int kRowsPerChunk = 4;
 // every one of them. The allocation faults its pages in with the team and
 // hands them out zeroed (map_allocator.h), so the elements are left as
 // they are: value-initialising them would write hundreds of megabytes of
-// zeros again, on one thread.
+// zeros again, on one thread. The bins take huge pages where they are free
+// (map_allocator.h says why the table does and the matrix does not).
 void sizeForFill(MapVector<float>& v, std::size_t n) {
+  const internal::HugePagesWhereFree huge_pages;
   v.reserve(n);
   internal::growLeftForWriter(v, n);
 }

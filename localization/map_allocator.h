@@ -17,16 +17,29 @@
 //    them is written whole right after it is taken. The zeroing is then
 //    shared instead of landing on the one thread that reads the file or
 //    sizes an array.
-//  - Ordinary 4 KiB pages, not transparent huge pages. Huge pages made the
-//    best load faster but the tail far worse: with them, loads of the
-//    10 M-cell map took 0.59-4.67 s (median 2.05 s) against 0.55-0.82 s
-//    (median 0.61 s) with ordinary pages faulted in by the team, the plain
-//    loader taking 1.02-1.54 s in the same interleaved runs. A huge page
-//    needs 2 MiB of contiguous free memory, which the kernel may first have
-//    to compact or obtain, and that stall lands on start-up. A vehicle
-//    needs the predictable one. (Tried again with the file read in runs:
-//    loads of 0.09-0.10 s in 8 of 10 runs, but 0.34 s and 0.79 s in the
-//    others, against 0.17-0.18 s every time with ordinary pages.)
+//  - Ordinary 4 KiB pages, not transparent huge pages. Huge pages make the
+//    best load faster but the worst far slower, and a vehicle needs the
+//    predictable one. A huge page needs 2 MiB of contiguous free memory.
+//    On a virtual machine that hands freed memory back to its host (free
+//    page reporting), free blocks of 2 MiB and up are exactly the ones
+//    handed back, so every huge page also costs the host's fault, while
+//    ordinary pages are served first from the smaller free pieces the
+//    guest kept. Loads of the 10 M-cell map, 6 interleaved fresh runs a
+//    side (medians): with memory just used by another process, 0.11 s with
+//    huge pages against 0.19 s; with memory handed back, 0.77 s against
+//    0.17 s. Elsewhere a huge page may first need the kernel to compact
+//    memory, a stall that lands on start-up.
+//  - Except for the look-up table's bins (HugePagesWhereFree), which come
+//    after the matrix: by then the small free pieces are taken and the
+//    table's 0.9 GB come from 2 MiB blocks whatever the page size, so huge
+//    pages cost no host fault that ordinary ones would avoid, and they
+//    save the kernel most of its per-page work. `init` in interleaved
+//    fresh runs (medians, bench/README.md): with memory just used, 1.62 s
+//    against 1.74 s and 1.69 s against 1.75 s; with memory handed back,
+//    2.52 s against 2.59 s and 2.48 s against 2.76 s; 0.1-0.6 s less CPU
+//    in every comparison. They are taken only where the machine has twice
+//    the block free in blocks of 2 MiB and up, so that the kernel need not
+//    compact memory for them.
 //  - Released large blocks go straight back to the kernel. A start-up
 //    releases nothing before its last allocation, so keeping a released
 //    block for reuse would only hold memory resident.
@@ -37,9 +50,11 @@
 #define ZORVANE_LOCALIZATION_MAP_ALLOCATOR_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <limits>
 #include <new>
+#include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -60,6 +75,29 @@ constexpr std::size_t kPrefaultChunkBytes = std::size_t{2} << 20;
 // unchanged to releaseMapBytes, which picks the matching release from it.
 void* allocateMapBytes(std::size_t bytes);
 void releaseMapBytes(void* p, std::size_t bytes) noexcept;
+
+// While an object of this class lives, large blocks that allocateMapBytes
+// hands to this thread get transparent huge pages, where the machine has
+// at least twice their size free in blocks of 2 MiB and up (read from
+// /proc/buddyinfo when the block is taken); otherwise, or where that file
+// cannot be read, ordinary pages as above. Only a hint on how the pages
+// are obtained: the bytes are the same. Objects may nest.
+class HugePagesWhereFree {
+ public:
+  HugePagesWhereFree();
+  ~HugePagesWhereFree();
+  HugePagesWhereFree(const HugePagesWhereFree&) = delete;
+  HugePagesWhereFree& operator=(const HugePagesWhereFree&) = delete;
+
+ private:
+  bool previous_;
+};
+
+// Bytes free in blocks of 2 MiB and up, from the text of /proc/buddyinfo
+// (lines "Node N, zone NAME" followed by the count of free blocks of each
+// order, order k being page_bytes << k bytes); -1 when the text has no
+// such line or a line that does not read so.
+std::int64_t freeBytesInHugeBlocks(const std::string& buddyinfo, std::size_t page_bytes);
 
 // Faults in the pages of [p, p + bytes) for writing, the work split over an
 // OpenMP team of the default size. Only a hint: where the kernel does not
