@@ -54,10 +54,29 @@ inline void addChunkToSum(const float* b, std::int64_t at, std::int64_t n, float
   *sum = s;
 }
 
+// A chunk of zeros, read by rows for the chunks they do not reach.
+alignas(64) const float kZeroChunk[kChunk] = {};
+
+// The terms `row` adds to chunk c: its own where it reaches the chunk,
+// otherwise kZeroChunk, whose products w * 0 are +-0 (memo rows have
+// finite weights) and leave every bin as it is (a bin is never -0). The
+// choice is made without a branch: which rows reach which chunks follows
+// the map and would be mispredicted often, and a wasted product costs less.
+inline const float* chunkTerms(const TermRow& row, std::int32_t c) {
+  const bool reaches = static_cast<std::uint32_t>(c - row.chunk_from) <
+                       static_cast<std::uint32_t>(row.chunk_to - row.chunk_from);
+  // Formed as an integer: for a chunk the row does not reach it points
+  // outside the row's table and is not used.
+  const std::uintptr_t own = reinterpret_cast<std::uintptr_t>(row.terms) +
+                             static_cast<std::uintptr_t>(c - row.chunk_from) * (kChunk * sizeof(float));
+  const std::uintptr_t mask = std::uintptr_t{0} - static_cast<std::uintptr_t>(reaches);
+  return reinterpret_cast<const float*>((own & mask) | (reinterpret_cast<std::uintptr_t>(kZeroChunk) & ~mask));
+}
+
 // addTermRows in each instruction set. Every lane is one single-precision
 // multiply and one add, as in scalar code (no fused multiply-add), whatever
 // the vector width. A chunk's bins stay in registers while the rows go by;
-// a row that does not reach the chunk is passed over.
+// a row that does not reach the chunk adds zeros (chunkTerms).
 #if defined(__x86_64__) || defined(__i386__)
 __attribute__((target("avx2"))) void addTermRowsAvx2(float* bins, const TermRow* rows, int count,
                                                      std::int32_t from, std::int32_t to, std::int64_t sum_n,
@@ -69,8 +88,7 @@ __attribute__((target("avx2"))) void addTermRowsAvx2(float* bins, const TermRow*
     for (int q = 0; q < kLanes; ++q) a[q] = _mm256_load_ps(b + 8 * q);
     for (int r = 0; r < count; ++r) {
       const TermRow& row = rows[r];
-      if (c < row.chunk_from || c >= row.chunk_to) continue;
-      const float* const t = row.terms + kChunk * (c - row.chunk_from);
+      const float* const t = chunkTerms(row, c);
       const __m256 w = _mm256_set1_ps(row.w);
       for (int q = 0; q < kLanes; ++q) a[q] = _mm256_add_ps(a[q], _mm256_mul_ps(w, _mm256_loadu_ps(t + 8 * q)));
     }
@@ -90,8 +108,7 @@ __attribute__((target("avx512f"))) void addTermRowsAvx512(float* bins, const Ter
     for (int q = 0; q < kLanes; ++q) a[q] = _mm512_loadu_ps(b + 16 * q);
     for (int r = 0; r < count; ++r) {
       const TermRow& row = rows[r];
-      if (c < row.chunk_from || c >= row.chunk_to) continue;
-      const float* const t = row.terms + kChunk * (c - row.chunk_from);
+      const float* const t = chunkTerms(row, c);
       const __m512 w = _mm512_set1_ps(row.w);
       for (int q = 0; q < kLanes; ++q) a[q] = _mm512_add_ps(a[q], _mm512_mul_ps(w, _mm512_loadu_ps(t + 16 * q)));
     }
@@ -110,8 +127,7 @@ void addTermRowsPlain(float* bins, const TermRow* rows, int count, std::int32_t 
     for (int q = 0; q < kChunk / 4; ++q) a[q] = _mm_load_ps(b + 4 * q);
     for (int r = 0; r < count; ++r) {
       const TermRow& row = rows[r];
-      if (c < row.chunk_from || c >= row.chunk_to) continue;
-      const float* const t = row.terms + kChunk * (c - row.chunk_from);
+      const float* const t = chunkTerms(row, c);
       const __m128 w = _mm_set1_ps(row.w);
       for (int q = 0; q < kChunk / 4; ++q) a[q] = _mm_add_ps(a[q], _mm_mul_ps(w, _mm_loadu_ps(t + 4 * q)));
     }
@@ -119,8 +135,7 @@ void addTermRowsPlain(float* bins, const TermRow* rows, int count, std::int32_t 
 #else
     for (int r = 0; r < count; ++r) {
       const TermRow& row = rows[r];
-      if (c < row.chunk_from || c >= row.chunk_to) continue;
-      const float* const t = row.terms + kChunk * (c - row.chunk_from);
+      const float* const t = chunkTerms(row, c);
       for (int q = 0; q < kChunk; ++q) b[q] += row.w * t[q];
     }
 #endif
