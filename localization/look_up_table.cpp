@@ -145,12 +145,12 @@ bool buildTable(const GridMatrix& matrix, int factor, float height_step, float v
   const std::int64_t value_width = *std::max_element(widest_value.begin(), widest_value.end());
   const std::int64_t height_width = *std::max_element(widest_height.begin(), widest_height.end());
   std::vector<std::unique_ptr<lut::HistogramKernel>> kernels(static_cast<std::size_t>(team));
-  for (auto& k : kernels) k.reset(new lut::HistogramKernel(value_width, height_width, value_step));
+  for (auto& k : kernels) {
+    k.reset(new lut::HistogramKernel(value_width, height_width, value_step, table.prob_scale_, table.prob_floor_));
+  }
 
   float* const value_out = table.value_table_.data();
   float* const height_out = table.height_table_.data();
-  const float scale = table.prob_scale_, floor = table.prob_floor_;
-  const float log_floor = std::log(floor);
 
   // Fill pass: every histogram straight into its place.
 #pragma omp parallel num_threads(team)
@@ -168,11 +168,11 @@ bool buildTable(const GridMatrix& matrix, int factor, float height_step, float v
         r.value_n = rec.value_bins;
         r.height_first = height_firsts[j * columns + i];
         r.height_n = rec.height_bins;
-        kernel.build(walker, i, j, r, value_step, height_step, scale, floor, log_floor, value_out + rec.value_offset,
+        kernel.build(walker, i, j, r, value_step, height_step, value_out + rec.value_offset,
                      height_out + rec.height_offset);
       }
     }
-    lut::HistogramKernel::finish();
+    kernel.finish();
   }
   return true;
 }

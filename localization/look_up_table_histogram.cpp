@@ -45,15 +45,6 @@ void termRange(float w, float mean, float sigma, float step, std::int64_t first,
   if (to < static_cast<double>(*hi)) *hi = to < static_cast<double>(first) ? first - 1 : static_cast<std::int64_t>(to);
 }
 
-// Adds the bins of the chunk at b, bins [at, at + kChunk) of the histogram,
-// that lie below n to *sum, in ascending order.
-inline void addChunkToSum(const float* b, std::int64_t at, std::int64_t n, float* sum) {
-  const std::int64_t end = std::min(kChunk, n - at);
-  float s = *sum;
-  for (std::int64_t q = 0; q < end; ++q) s += b[q];
-  *sum = s;
-}
-
 // A chunk of zeros, read by rows for the chunks they do not reach.
 alignas(64) const float kZeroChunk[kChunk] = {};
 
@@ -79,8 +70,7 @@ inline const float* chunkTerms(const TermRow& row, std::int32_t c) {
 // a row that does not reach the chunk adds zeros (chunkTerms).
 #if defined(__x86_64__) || defined(__i386__)
 __attribute__((target("avx2"))) void addTermRowsAvx2(float* bins, const TermRow* rows, int count,
-                                                     std::int32_t from, std::int32_t to, std::int64_t sum_n,
-                                                     float* sum) {
+                                                     std::int32_t from, std::int32_t to) {
   constexpr int kLanes = kChunk / 8;
   for (std::int32_t c = from; c < to; ++c) {
     float* const b = bins + kChunk * c;
@@ -93,14 +83,12 @@ __attribute__((target("avx2"))) void addTermRowsAvx2(float* bins, const TermRow*
       for (int q = 0; q < kLanes; ++q) a[q] = _mm256_add_ps(a[q], _mm256_mul_ps(w, _mm256_loadu_ps(t + 8 * q)));
     }
     for (int q = 0; q < kLanes; ++q) _mm256_store_ps(b + 8 * q, a[q]);
-    if (sum != nullptr) addChunkToSum(b, kChunk * c, sum_n, sum);
   }
 }
 // Two registers a chunk; the bins buffer is only 32-byte aligned, so its
 // loads and stores are the unaligned forms.
 __attribute__((target("avx512f"))) void addTermRowsAvx512(float* bins, const TermRow* rows, int count,
-                                                         std::int32_t from, std::int32_t to, std::int64_t sum_n,
-                                                         float* sum) {
+                                                         std::int32_t from, std::int32_t to) {
   constexpr int kLanes = kChunk / 16;
   for (std::int32_t c = from; c < to; ++c) {
     float* const b = bins + kChunk * c;
@@ -113,13 +101,11 @@ __attribute__((target("avx512f"))) void addTermRowsAvx512(float* bins, const Ter
       for (int q = 0; q < kLanes; ++q) a[q] = _mm512_add_ps(a[q], _mm512_mul_ps(w, _mm512_loadu_ps(t + 16 * q)));
     }
     for (int q = 0; q < kLanes; ++q) _mm512_storeu_ps(b + 16 * q, a[q]);
-    if (sum != nullptr) addChunkToSum(b, kChunk * c, sum_n, sum);
   }
 }
 #endif
 
-void addTermRowsPlain(float* bins, const TermRow* rows, int count, std::int32_t from, std::int32_t to,
-                      std::int64_t sum_n, float* sum) {
+void addTermRowsPlain(float* bins, const TermRow* rows, int count, std::int32_t from, std::int32_t to) {
   for (std::int32_t c = from; c < to; ++c) {
     float* const b = bins + kChunk * c;
 #if defined(__SSE2__)
@@ -139,13 +125,10 @@ void addTermRowsPlain(float* bins, const TermRow* rows, int count, std::int32_t 
       for (int q = 0; q < kChunk; ++q) b[q] += row.w * t[q];
     }
 #endif
-    if (sum != nullptr) addChunkToSum(b, kChunk * c, sum_n, sum);
   }
 }
 
-// With a sum, each chunk's bins below sum_n are added to it as soon as the
-// chunk is finished (addTermRowsAndSum).
-using AddTermRows = void (*)(float*, const TermRow*, int, std::int32_t, std::int32_t, std::int64_t, float*);
+using AddTermRows = void (*)(float*, const TermRow*, int, std::int32_t, std::int32_t);
 // The rows' loop of `forms`, or nullptr when the processor lacks it.
 AddTermRows addTermRowsOf(VectorMath forms) {
 #if defined(__x86_64__) || defined(__i386__)
@@ -250,17 +233,7 @@ void chunksReached(const TermRow* rows, int count, std::int32_t* from, std::int3
 void addTermRows(float* bins, const TermRow* rows, int count) {
   std::int32_t from = 0, to = 0;
   chunksReached(rows, count, &from, &to);
-  addTermRowsIn(bins, rows, count, from, to, 0, nullptr);
-}
-
-float addTermRowsAndSum(float* bins, const TermRow* rows, int count, std::int64_t n) {
-  std::int32_t from = 0, to = 0;
-  chunksReached(rows, count, &from, &to);
-  // The zero bins outside [from, to) would add +0 to a sum that is never
-  // -0 (it starts at +0, and x + -x is +0), which leaves it as it is.
-  float sum = 0.f;
-  addTermRowsIn(bins, rows, count, from, to, n, &sum);
-  return sum;
+  addTermRowsIn(bins, rows, count, from, to);
 }
 
 bool memoRow(SigmaMemo* memo, std::int64_t first, std::int64_t n, float w, float mean, float sigma, float step,
@@ -313,6 +286,51 @@ float ascendingSum(const float* bins, std::int64_t n) {
   return sum;
 }
 
+namespace {
+
+// Bins [from, to) of the `Chains` histograms b[0..Chains) added to their
+// sums s[0..Chains), each in ascending order: the chains interleave.
+template <int Chains>
+void addSideBySide(const float* const* b, float* s, std::int64_t from, std::int64_t to) {
+  float acc[Chains];
+  for (int h = 0; h < Chains; ++h) acc[h] = s[h];
+  for (std::int64_t k = from; k < to; ++k) {
+    for (int h = 0; h < Chains; ++h) acc[h] += b[h][k];
+  }
+  for (int h = 0; h < Chains; ++h) s[h] = acc[h];
+}
+
+}  // namespace
+
+void ascendingSums(const float* const* bins, const std::int64_t* n, int count, float* sums) {
+  // Shortest first: while k is below the shortest remaining length, every
+  // remaining histogram takes bin k in the same loop.
+  int order[kMaxSums];
+  for (int h = 0; h < count; ++h) {
+    int at = h;
+    for (; at > 0 && n[order[at - 1]] > n[h]; --at) order[at] = order[at - 1];
+    order[at] = h;
+  }
+  const float* b[kMaxSums];
+  float s[kMaxSums];
+  for (int h = 0; h < count; ++h) {
+    b[h] = bins[order[h]];
+    s[h] = 0.f;
+  }
+  std::int64_t done = 0;
+  for (int h = 0; h < count; ++h) {
+    const std::int64_t to = std::max(done, n[order[h]]);
+    switch (count - h) {
+      case 4: addSideBySide<4>(b + h, s + h, done, to); break;
+      case 3: addSideBySide<3>(b + h, s + h, done, to); break;
+      case 2: addSideBySide<2>(b + h, s + h, done, to); break;
+      default: addSideBySide<1>(b + h, s + h, done, to); break;
+    }
+    done = to;
+  }
+  for (int h = 0; h < count; ++h) sums[order[h]] = s[h];
+}
+
 void normaliseInto(float* bins, std::int64_t n, float sum, float scale, float floor, float log_floor, float* out) {
   if (sum == 0.f) {
     std::fill(out, out + n, log_floor);
@@ -322,80 +340,98 @@ void normaliseInto(float* bins, std::int64_t n, float sum, float scale, float fl
   internal::streamFloats(out, bins, n);
 }
 
-HistogramKernel::HistogramKernel(std::int64_t value_width, std::int64_t height_width, float value_step)
-    : storage_(static_cast<std::size_t>(paddedBins(value_width) + paddedBins(height_width) + kAlignSlack)),
+HistogramKernel::HistogramKernel(std::int64_t value_width, std::int64_t height_width, float value_step, float scale,
+                                 float floor)
+    : scale_(scale),
+      floor_(floor),
+      log_floor_(std::log(floor)),
+      storage_(static_cast<std::size_t>(kMaxSums * (paddedBins(value_width) + paddedBins(height_width)) +
+                                        kAlignSlack)),
       memo_(value_step == 1.0f ? new SigmaMemo() : nullptr) {
   const auto at = reinterpret_cast<std::uintptr_t>(storage_.data());
   constexpr std::uintptr_t kAlign = kAlignSlack * sizeof(float);
-  value_bins_ = storage_.data() + ((kAlign - at % kAlign) % kAlign) / sizeof(float);
-  height_bins_ = value_bins_ + paddedBins(value_width);
+  float* next = storage_.data() + ((kAlign - at % kAlign) % kAlign) / sizeof(float);
+  for (int h = 0; h < kMaxSums; ++h) {
+    value_bins_[h] = next;
+    height_bins_[h] = next + paddedBins(value_width);
+    next = height_bins_[h] + paddedBins(height_width);
+  }
 }
 
 void HistogramKernel::build(const BlockWalker& walker, std::int64_t i, std::int64_t j, const BlockRanges& r,
-                            float value_step, float height_step, float scale, float floor, float log_floor,
-                            float* value_out, float* height_out) {
-  float* const vbins = value_bins_;
-  float* const hbins = height_bins_;
+                            float value_step, float height_step, float* value_out, float* height_out) {
+  float* const vbins = value_bins_[pending_count_];
+  float* const hbins = height_bins_[pending_count_];
   SigmaMemo* const memo = memo_.get();
   std::fill(vbins, vbins + paddedBins(r.value_n), 0.f);
   std::fill(hbins, hbins + r.height_n, 0.f);
   const std::int64_t height_last = r.height_first + r.height_n - 1;
-  pending_count_ = 0;
+  run_count_ = 0;
   row_count_ = 0;
-  value_rows_added_ = false;
   walker.forEachCell(i, j, [&](const MCell& cell) {
     for (int c = 0; c < 2; ++c) {
       if (r.value_n > 0) {
         TermRow& row = rows_[row_count_];
         if (memoRow(memo, r.value_first, r.value_n, cell.value_weight[c], cell.value_mean[c], cell.value_sigma[c],
                     value_step, &row)) {
-          if (row.chunk_from < row.chunk_to && ++row_count_ == kPendingRows) flushValueRows();
+          if (row.chunk_from < row.chunk_to && ++row_count_ == kPendingRows) flushValueRows(vbins);
         } else {
-          flushValueRows();
+          flushValueRows(vbins);
           addComponent(vbins, r.value_first, r.value_n, cell.value_weight[c], cell.value_mean[c], cell.value_sigma[c],
                        value_step, nullptr);
-          value_rows_added_ = true;
         }
       }
       if (r.height_n > 0) {
-        GaussianRun& run = pending_[pending_count_];
+        GaussianRun& run = runs_[run_count_];
         run = {cell.height_weight[c], cell.height_mean[c], cell.height_sigma[c], r.height_first, height_last};
         if (r.height_n > kShortRun)
           termRange(run.w, run.mean, run.sigma, height_step, r.height_first, height_last, &run.lo, &run.hi);
-        if (++pending_count_ == kPendingRuns) flushHeightRuns(r.height_first, height_step);
+        if (++run_count_ == kPendingRuns) flushHeightRuns(hbins, r.height_first, height_step);
       }
     }
   });
-  // The value sum is one long chain of dependent additions. When the rows
-  // still gathered are all the block's value terms (the usual case), it is
-  // taken while they are added; otherwise it is issued before the height
-  // exponentials, which do not depend on it, so that the two overlap.
-  float value_sum;
-  if (!value_rows_added_) {
-    value_sum = addTermRowsAndSum(vbins, rows_, row_count_, r.value_n);
-    row_count_ = 0;
-  } else {
-    flushValueRows();
-    value_sum = ascendingSum(vbins, r.value_n);
-  }
-  flushHeightRuns(r.height_first, height_step);
-  normaliseInto(vbins, r.value_n, value_sum, scale, floor, log_floor, value_out);
-  normaliseInto(hbins, r.height_n, ascendingSum(hbins, r.height_n), scale, floor, log_floor, height_out);
+  flushValueRows(vbins);
+  flushHeightRuns(hbins, r.height_first, height_step);
+  pending_[pending_count_] = {r.value_n, r.height_n, value_out, height_out};
+  if (++pending_count_ == kMaxSums) normalisePending();
 }
 
-void HistogramKernel::flushHeightRuns(std::int64_t first, float height_step) {
-  addGaussianRuns(height_bins_, first, pending_, pending_count_, height_step);
+void HistogramKernel::normalisePending() {
+  if (pending_count_ == 0) return;
+  // Value histograms in the first kMaxSums places, height histograms in
+  // the next.
+  const float* bins[2 * kMaxSums] = {};
+  std::int64_t n[2 * kMaxSums] = {};
+  float sums[2 * kMaxSums] = {};
+  for (int h = 0; h < pending_count_; ++h) {
+    bins[h] = value_bins_[h];
+    n[h] = pending_[h].value_n;
+    bins[kMaxSums + h] = height_bins_[h];
+    n[kMaxSums + h] = pending_[h].height_n;
+  }
+  ascendingSums(bins, n, pending_count_, sums);
+  ascendingSums(bins + kMaxSums, n + kMaxSums, pending_count_, sums + kMaxSums);
+  for (int h = 0; h < pending_count_; ++h) {
+    const Pending& p = pending_[h];
+    normaliseInto(value_bins_[h], p.value_n, sums[h], scale_, floor_, log_floor_, p.value_out);
+    normaliseInto(height_bins_[h], p.height_n, sums[kMaxSums + h], scale_, floor_, log_floor_, p.height_out);
+  }
   pending_count_ = 0;
 }
 
-void HistogramKernel::flushValueRows() {
+void HistogramKernel::flushHeightRuns(float* bins, std::int64_t first, float height_step) {
+  addGaussianRuns(bins, first, runs_, run_count_, height_step);
+  run_count_ = 0;
+}
+
+void HistogramKernel::flushValueRows(float* bins) {
   if (row_count_ == 0) return;
-  addTermRows(value_bins_, rows_, row_count_);
+  addTermRows(bins, rows_, row_count_);
   row_count_ = 0;
-  value_rows_added_ = true;
 }
 
 void HistogramKernel::finish() {
+  normalisePending();
   internal::fenceStreamedStores();  // streamed stores visible before the region joins
 }
 

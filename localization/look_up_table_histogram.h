@@ -108,13 +108,6 @@ bool memoRow(SigmaMemo* memo, std::int64_t first, std::int64_t n, float w, float
 // registers, so a bin is loaded and stored once per call.
 void addTermRows(float* bins, const TermRow* rows, int count);
 
-// addTermRows, returning ascendingSum(bins, n) of the result. The sum is
-// taken a chunk at a time as each chunk is finished, so that its long
-// chain of dependent additions overlaps the next chunk's rows instead of
-// following them. Every bin of [0, n) that no row's chunks cover must be
-// zero, as in a histogram that nothing else was added to.
-float addTermRowsAndSum(float* bins, const TermRow* rows, int count, std::int64_t n);
-
 // The memo rows are added with 512-bit AVX-512 instructions, 256-bit AVX2
 // or 128-bit SSE, and the exponentials and logarithms run eight at a time
 // in AVX-512 or AVX2 or one at a time (look_up_table_exp_log.h). At start
@@ -137,6 +130,14 @@ void addComponent(float* bins, std::int64_t first, std::int64_t n, float weight,
 // The sum of the n bins in ascending order from +0.
 float ascendingSum(const float* bins, std::int64_t n);
 
+// sums[h] = ascendingSum(bins[h], n[h]) for h < count (at most
+// kMaxSums). Each sum is a chain of dependent additions, as long as its
+// histogram; the chains of several histograms are taken through one loop,
+// so that they wait on their additions side by side instead of one after
+// the other.
+constexpr int kMaxSums = 4;
+void ascendingSums(const float* const* bins, const std::int64_t* n, int count, float* sums);
+
 // Writes ln((v / sum) * scale + floor) of each of the n bins to out, sum
 // being ascendingSum(bins, n); bins (paddedBins(n) floats) is overwritten,
 // padding included. A zero sum stores log_floor (= logf(floor))
@@ -145,27 +146,43 @@ void normaliseInto(float* bins, std::int64_t n, float sum, float scale, float fl
 
 // The working memory of one thread of the fill pass, sized before the
 // parallel region so that nothing is allocated inside it.
+//
+// A block's bins are summed and normalised only when kMaxSums blocks are
+// built (or at finish): the ascending sum of a value histogram, about a
+// hundred dependent additions, would otherwise hold up each block by
+// itself.
 class HistogramKernel {
  public:
   // value_width, height_width: the widest histograms the thread builds.
   // The memo is kept when value_step is 1.
-  HistogramKernel(std::int64_t value_width, std::int64_t height_width, float value_step);
+  HistogramKernel(std::int64_t value_width, std::int64_t height_width, float value_step, float scale, float floor);
 
-  // Builds, normalises and writes out coarse position (i, j)'s histograms
-  // over the ranges r (from blockRanges): r.value_n values to value_out,
-  // r.height_n values to height_out. Uses streaming stores; the calling
-  // thread must call finish() before its results are read by another.
+  // Builds coarse position (i, j)'s histograms over the ranges r (from
+  // blockRanges); their log-probabilities go to value_out (r.value_n
+  // values) and height_out (r.height_n values) by the next finish() at the
+  // latest, with streaming stores.
   void build(const BlockWalker& walker, std::int64_t i, std::int64_t j, const BlockRanges& r, float value_step,
-             float height_step, float scale, float floor, float log_floor, float* value_out, float* height_out);
-  static void finish();
+             float height_step, float* value_out, float* height_out);
+  // Writes out the blocks built since the last call and makes the
+  // streamed stores visible: the thread calls it before its results are
+  // read by another.
+  void finish();
 
  private:
+  // A built block whose histograms are still to be normalised.
+  struct Pending {
+    std::int64_t value_n = 0, height_n = 0;
+    float* value_out = nullptr;
+    float* height_out = nullptr;
+  };
+  void normalisePending();
+
   // Height components of the block, gathered so that their exponentials
   // are evaluated together (addGaussianRuns); passed on when full.
   static constexpr int kPendingRuns = 64;
-  GaussianRun pending_[kPendingRuns];
-  int pending_count_ = 0;
-  void flushHeightRuns(std::int64_t first, float height_step);
+  GaussianRun runs_[kPendingRuns];
+  int run_count_ = 0;
+  void flushHeightRuns(float* bins, std::int64_t first, float height_step);
 
   // Value components the memo serves, gathered so that each chunk of bins
   // goes through all of them in registers (addTermRows); passed on when
@@ -173,14 +190,14 @@ class HistogramKernel {
   static constexpr int kPendingRows = 64;
   TermRow rows_[kPendingRows];
   int row_count_ = 0;
-  // Whether value terms of the current block were already added to its
-  // bins (by a flush or directly) rather than still gathered.
-  bool value_rows_added_ = false;
-  void flushValueRows();
+  void flushValueRows(float* bins);
 
-  std::vector<float> storage_;  // both bins buffers, aligned within
-  float* value_bins_ = nullptr;
-  float* height_bins_ = nullptr;
+  float scale_, floor_, log_floor_;
+  std::vector<float> storage_;  // the bins buffers, aligned within
+  float* value_bins_[kMaxSums] = {};
+  float* height_bins_[kMaxSums] = {};
+  Pending pending_[kMaxSums];
+  int pending_count_ = 0;
   std::unique_ptr<SigmaMemo> memo_;
 };
 

@@ -139,24 +139,37 @@ TEST(LookUpTableHistogram, GatheredRowsEqualTheBinByBinSum) {
       }
       addTermRows(fast.data(), rows.data(), static_cast<int>(rows.size()));
       ASSERT_EQ(firstDifference(fast.data(), plain, first), "") << "round " << round;
-
-      // All the memo rows in one call that also sums the bins: the same
-      // bins, and the sum of the first n in ascending order, the padding
-      // (which may hold terms) left out.
-      rows.clear();
-      std::vector<float> memo_plain(static_cast<std::size_t>(n), 0.f);
-      for (const Component& c : comps) {
-        TermRow row;
-        if (!memoRow(&memo, first, n, c.weight, c.mean, c.sigma, 1.0f, &row)) continue;
-        rows.push_back(row);
-        addPlainTerms(c, first, 1.0f, &memo_plain);
-      }
-      Bins summed(n);
-      const float sum = addTermRowsAndSum(summed.data(), rows.data(), static_cast<int>(rows.size()), n);
-      ASSERT_EQ(firstDifference(summed.data(), memo_plain, first), "") << "round " << round;
-      ASSERT_TRUE(same(sum, ascendingSum(memo_plain.data(), n))) << "round " << round << ": " << sum;
     }
   });
+}
+
+// Several histograms summed side by side give each the sum of its own bins
+// in ascending order: lengths equal, nested, empty, in any order, with
+// magnitudes that make the order of additions visible in the last bits.
+TEST(LookUpTableHistogram, SumsSideBySideEqualEachAscendingSum) {
+  const std::vector<std::vector<std::int64_t>> cases = {
+      {0},       {1},          {300},          {7, 7},          {5, 300}, {300, 5}, {0, 0, 0, 0},
+      {9, 0, 4}, {1, 2, 3, 4}, {4, 3, 2, 1},   {130, 129, 131, 17}, {64, 64, 0, 200},
+  };
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<float> exponent(-30.f, 10.f);
+  for (const auto& lengths : cases) {
+    const int count = static_cast<int>(lengths.size());
+    std::vector<std::vector<float>> histograms;
+    const float* bins[kMaxSums];
+    for (const std::int64_t n : lengths) {
+      std::vector<float> h(static_cast<std::size_t>(n));
+      for (float& v : h) v = std::exp2(exponent(rng)) * (1.f + exponent(rng) / 64.f);
+      histograms.push_back(std::move(h));
+    }
+    for (int h = 0; h < count; ++h) bins[h] = histograms[static_cast<std::size_t>(h)].data();
+    float sums[kMaxSums];
+    ascendingSums(bins, lengths.data(), count, sums);
+    for (int h = 0; h < count; ++h) {
+      EXPECT_TRUE(same(sums[h], ascendingSum(bins[h], lengths[static_cast<std::size_t>(h)])))
+          << "case of " << count << ", histogram " << h << " of " << lengths[static_cast<std::size_t>(h)] << " bins";
+    }
+  }
 }
 
 // The memo's table for a sigma holds exactly the library's exponentials.
