@@ -71,7 +71,6 @@ LookUpTableExtent measureLookUpTable(const GridMatrix& matrix, int factor, float
 #pragma omp for schedule(dynamic, kRowsPerChunk) nowait
     for (std::int64_t j = 0; j < rows; ++j) {
       for (std::int64_t i = 0; i < columns; ++i) {
-        lut::prefetchAhead(walker, i, j, columns);
         const lut::BlockRanges r = lut::blockRanges(walker, i, j, value_step, height_step);
         value_bins += static_cast<std::uint64_t>(r.value_n);
         height_bins += static_cast<std::uint64_t>(r.height_n);
@@ -120,7 +119,6 @@ bool buildTable(const GridMatrix& matrix, int factor, float height_step, float v
 #pragma omp for schedule(dynamic, kRowsPerChunk) nowait
     for (std::int64_t j = 0; j < rows; ++j) {
       for (std::int64_t i = 0; i < columns; ++i) {
-        lut::prefetchAhead(walker, i, j, columns);
         const lut::BlockRanges r = lut::blockRanges(walker, i, j, value_step, height_step);
         height_firsts[j * columns + i] = static_cast<std::int32_t>(r.height_first);
         lut::packCounts(r, &records[j * columns + i]);
@@ -160,7 +158,6 @@ bool buildTable(const GridMatrix& matrix, int factor, float height_step, float v
 #pragma omp for schedule(dynamic, kRowsPerChunk) nowait
     for (std::int64_t j = 0; j < rows; ++j) {
       for (std::int64_t i = 0; i < columns; ++i) {
-        lut::prefetchAhead(walker, i, j, columns);
         const MCellCoarse& rec = records[j * columns + i];
         if (rec.value_bins == 0 && rec.height_bins == 0) continue;
         lut::BlockRanges r;

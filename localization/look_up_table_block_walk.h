@@ -77,19 +77,22 @@ class BlockWalker {
           found[count] = cells_ + (valid ? e : 0);
           count += valid;
         }
-        for (int k = 0; k < count; ++k) fn(*found[k]);
+        for (int k = 0; k < count; ++k) {
+          prefetch(reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(found[k]) + kPrefetchBytes));
+          fn(*found[k]);
+        }
       }
     }
   }
 
-  // Cache hints for the cells of a block that will be visited soon. Cells
-  // are 64-byte records spread over `factor` grid rows, read as that many
-  // streams; the hints keep the passes from waiting on memory.
-  void prefetchCells(std::int64_t i, std::int64_t j) const {
-    forEachCell(i, j, [](const MCell& cell) { prefetch(&cell); });
-  }
-
  private:
+  // Each visited cell hints the line kPrefetchBytes further on. A loaded
+  // map stores its cells in flat order, so within one grid row of a row of
+  // blocks the cells come in memory order: the hinted cell is met about ten
+  // blocks later, on the same grid row, and no second walk of the index is
+  // needed to find it. In another order the hint is only wasted (a hint
+  // never faults, even beyond the array).
+  static constexpr std::uintptr_t kPrefetchBytes = 16 * sizeof(MCell);
   const MCell* cells_;
   const std::int32_t* index_;
   std::int64_t cell_count_, index_size_;
@@ -102,14 +105,6 @@ class BlockWalker {
   std::int64_t matrix_offset_x_, matrix_offset_y_;
   std::int64_t table_offset_x_, table_offset_y_;
 };
-
-// Blocks are visited row of blocks by row of blocks, left to right, so that
-// the index entries and cells of one row of blocks are read as a few
-// forward streams; the cells of the block kCellsAhead columns on are hinted.
-constexpr std::int64_t kCellsAhead = 4;
-inline void prefetchAhead(const BlockWalker& walker, std::int64_t i, std::int64_t j, std::int64_t columns) {
-  if (i + kCellsAhead < columns) walker.prefetchCells(i + kCellsAhead, j);
-}
 
 // Bin ranges of one block: value bins [value_first, value_first + value_n),
 // height bins likewise; n == 0 (with first 0) for an empty histogram. The
