@@ -303,6 +303,7 @@ void addSideBySide(const float* const* b, float* s, std::int64_t from, std::int6
 }  // namespace
 
 void ascendingSums(const float* const* bins, const std::int64_t* n, int count, float* sums) {
+  static_assert(kMaxSums == 4, "one case below for each number of chains");
   // Shortest first: while k is below the shortest remaining length, every
   // remaining histogram takes bin k in the same loop.
   int order[kMaxSums];
