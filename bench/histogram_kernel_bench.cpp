@@ -1,6 +1,8 @@
-// The height axis of the table builder alone: one block's Gaussian runs
-// added into its bins (lut::addGaussianRuns), in each instruction set the
-// processor runs, on blocks shaped like those of the synthetic street map.
+// Two loops of the table builder alone, in each instruction set the
+// processor runs: the height axis (one block's Gaussian runs added into its
+// bins, lut::addGaussianRuns) on blocks shaped like those of the synthetic
+// street map, and the normalisation's logarithms (lut::logShares) on value
+// histograms of that map's average width.
 //
 //   histogram_kernel_bench [--benchmark_repetitions=5]
 //
@@ -9,8 +11,8 @@
 // than a change to this loop is worth. This one runs the loop alone, on
 // data that stays in the caches, so that two forms of it can be compared
 // in seconds. Counters: seconds per block and per (run, group of eight
-// bins), the unit the eight-lane forms evaluate; forms 0, 1, 2 are plain,
-// AVX2 and AVX-512.
+// bins), the unit the eight-lane forms evaluate, or per group of eight
+// logarithms; forms 0, 1, 2 are plain, AVX2 and AVX-512.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -26,6 +28,7 @@ namespace {
 
 using zorvane::localization::lut::addGaussianRuns;
 using zorvane::localization::lut::GaussianRun;
+using zorvane::localization::lut::logShares;
 using zorvane::localization::lut::paddedBins;
 using zorvane::localization::lut::processorRuns;
 using zorvane::localization::lut::useVectorMath;
@@ -103,6 +106,43 @@ BENCHMARK(BM_HeightRuns)
     ->Arg(static_cast<int>(VectorMath::kAvx2))
     ->Arg(static_cast<int>(VectorMath::kAvx512))
     ->Unit(benchmark::kMillisecond);
+
+// 134 value bins (this map's average), bell-shaped with tails that reach
+// the floor, as most of the map's histograms; copied in before each call,
+// since the loop overwrites them.
+void BM_LogShares(benchmark::State& state) {
+  const auto math = static_cast<VectorMath>(state.range(0));
+  if (!processorRuns(math) || !useVectorMath(math)) {
+    state.SkipWithError("instruction set not available");
+    return;
+  }
+  constexpr std::int64_t kBins = 134;
+  std::vector<float> bell(static_cast<std::size_t>(paddedBins(kBins)), 0.f);
+  float sum = 0.f;
+  for (std::int64_t k = 0; k < kBins; ++k) {
+    const float d = static_cast<float>(k - kBins / 2) / 12.f;
+    bell[static_cast<std::size_t>(k)] = std::exp(-d * d);
+    sum += bell[static_cast<std::size_t>(k)];
+  }
+  std::vector<float> bins(bell.size() + 8);
+  float* const aligned = reinterpret_cast<float*>((reinterpret_cast<std::uintptr_t>(bins.data()) + 31) & ~std::uintptr_t{31});
+  const float log_floor = std::log(0.001f);
+  for (auto _ : state) {
+    std::copy(bell.begin(), bell.end(), aligned);
+    logShares(aligned, kBins, sum, 0.9f, 0.001f, log_floor);
+    benchmark::DoNotOptimize(aligned[0]);
+  }
+  state.counters["per_group"] = benchmark::Counter(static_cast<double>(state.iterations()) * ((kBins + 7) / 8),
+                                                   benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  useVectorMath(zorvane::localization::lut::widestVectorMath());
+}
+
+BENCHMARK(BM_LogShares)
+    ->ArgName("form")
+    ->Arg(static_cast<int>(VectorMath::kPlain))
+    ->Arg(static_cast<int>(VectorMath::kAvx2))
+    ->Arg(static_cast<int>(VectorMath::kAvx512))
+    ->Unit(benchmark::kNanosecond);
 
 }  // namespace
 
