@@ -225,7 +225,7 @@ INSTANTIATE_TEST_SUITE_P(Corpus, HostileMapFileTest, ::testing::ValuesIn(hostile
 // A pipe is refused without waiting for a writer; a sparse 2 GiB file with
 // a valid-looking header is refused from its size, unread.
 TEST(HostileMapFileSourceTest, MissingFilesDirectoriesPipesAndHugeFilesAreNotRead) {
-  const std::string pipe = tempMapPath("pipe"), sparse = tempMapPath("sparse.zvmap");
+  const std::string pipe = freshTempPath("pipe"), sparse = tempMapPath("sparse.zvmap");
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   writeFileBytes(sparse, exampleFileBytes());
   ASSERT_EQ(truncate(sparse.c_str(), off_t{1} << 31), 0);

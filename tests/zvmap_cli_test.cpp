@@ -177,7 +177,7 @@ TEST(ZvmapCliTest, BadArgumentsAreUsageErrors) {
 TEST(ZvmapCliTest, HostileFilesFailWithOneLineInEverySubcommand) {
   const Bytes good = readFileBytes(mapPath());
   ASSERT_GT(good.size(), 1000u);
-  const std::string dir = tempMapPath("dir"), fifo = tempMapPath("fifo"), missing = tempMapPath("missing");
+  const std::string dir = freshTempPath("dir"), fifo = freshTempPath("fifo"), missing = freshTempPath("missing");
   ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0);
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);  // nobody writes: a reader would wait forever
   Bytes appended = good;
@@ -213,6 +213,8 @@ TEST(ZvmapCliTest, HostileFilesFailWithOneLineInEverySubcommand) {
     expectOneLineFailure(zvmap(args), cut, "truncated inside the 61-byte header");
   }
   EXPECT_FALSE(fileExists(png));
+  ::rmdir(dir.c_str());
+  ::unlink(fifo.c_str());
 }
 
 TEST(ZvmapCliTest, InfoReportsTheStoredMap) {
@@ -385,7 +387,7 @@ TEST(ZvmapCliTest, RenderDrawsEachLayerNorthUp) {
 }
 
 TEST(ZvmapCliTest, RenderFailureLeavesNoPicture) {
-  const std::string dir = tempMapPath("pictures");
+  const std::string dir = freshTempPath("pictures");
   ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0);
   const std::string missing_dir = dir + "/no/such/place.png";
   expectOneLineFailure(zvmap({"render", mapPath(), "-o", missing_dir, "--layer", "value"}), missing_dir,
@@ -402,6 +404,7 @@ TEST(ZvmapCliTest, RenderFailureLeavesNoPicture) {
   struct stat st;
   ASSERT_EQ(::stat(dir.c_str(), &st), 0);
   EXPECT_TRUE(S_ISDIR(st.st_mode));
+  ::rmdir(dir.c_str());
 }
 
 TEST(ZvmapCliTest, SynthIsDeterministicAndRefusesGridsTooLargeBeforeBuilding) {

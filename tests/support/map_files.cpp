@@ -21,6 +21,13 @@ std::string tempMapPath(const std::string& name) {
   return ::testing::TempDir() + "zv_" + std::to_string(getpid()) + "_" + test + "_" + name;
 }
 
+std::string freshTempPath(const std::string& name) {
+  const std::string path = tempMapPath(name);
+  ::unlink(path.c_str());
+  ::rmdir(path.c_str());
+  return path;
+}
+
 void writeFileBytes(const std::string& path, const Bytes& bytes) {
   std::ofstream(path, std::ios::binary | std::ios::trunc)
       .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));

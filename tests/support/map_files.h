@@ -18,6 +18,10 @@ namespace testing {
 
 // A path in the test temporary directory, unique to this process and test.
 std::string tempMapPath(const std::string& name);
+// tempMapPath(name) with nothing there. Process numbers repeat, so a file,
+// pipe or empty directory an earlier run left under the same name is
+// removed first: a test that makes a pipe or a directory there needs that.
+std::string freshTempPath(const std::string& name);
 void writeFileBytes(const std::string& path, const Bytes& bytes);
 Bytes readFileBytes(const std::string& path);  // empty when unreadable
 bool fileExists(const std::string& path);
