@@ -69,12 +69,36 @@ std::vector<Block> streetBlocks(int count) {
   return blocks;
 }
 
-void BM_HeightRuns(benchmark::State& state) {
+// Selects the instruction set of the benchmark's argument; false, with the
+// run marked skipped, where the processor lacks it.
+bool selectForm(benchmark::State& state) {
   const auto math = static_cast<VectorMath>(state.range(0));
-  if (!processorRuns(math) || !useVectorMath(math)) {
-    state.SkipWithError("instruction set not available");
-    return;
+  if (processorRuns(math) && useVectorMath(math)) return true;
+  state.SkipWithError("instruction set not available");
+  return false;
+}
+
+// The first 32-byte boundary in v (8 floats of slack), as the builder's
+// bins buffers are aligned.
+float* aligned32(std::vector<float>& v) {
+  return reinterpret_cast<float*>((reinterpret_cast<std::uintptr_t>(v.data()) + 31) & ~std::uintptr_t{31});
+}
+
+// An inverted rate: seconds for each of `count` units over all iterations.
+benchmark::Counter secondsEach(double count) {
+  return benchmark::Counter(count, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+// Registers a benchmark once per form: plain, AVX2, AVX-512.
+void everyForm(benchmark::internal::Benchmark* b) {
+  b->ArgName("form");
+  for (const VectorMath math : {VectorMath::kPlain, VectorMath::kAvx2, VectorMath::kAvx512}) {
+    b->Arg(static_cast<int>(math));
   }
+}
+
+void BM_HeightRuns(benchmark::State& state) {
+  if (!selectForm(state)) return;
   static const std::vector<Block> blocks = streetBlocks(4096);
   std::int64_t groups = 0, widest = 0;
   for (const Block& b : blocks) {
@@ -82,8 +106,7 @@ void BM_HeightRuns(benchmark::State& state) {
     widest = std::max(widest, b.n);
   }
   std::vector<float> bins(static_cast<std::size_t>(paddedBins(widest)) + 8);
-  // 32-byte aligned, as the builder's bins buffers.
-  float* const aligned = reinterpret_cast<float*>((reinterpret_cast<std::uintptr_t>(bins.data()) + 31) & ~std::uintptr_t{31});
+  float* const aligned = aligned32(bins);
   for (auto _ : state) {
     for (const Block& b : blocks) {
       std::fill(aligned, aligned + paddedBins(b.n), 0.f);
@@ -91,31 +114,19 @@ void BM_HeightRuns(benchmark::State& state) {
     }
     benchmark::DoNotOptimize(aligned[0]);
   }
-  // Inverted rates: seconds per block and per (run, group).
   const double rounds = static_cast<double>(state.iterations());
-  state.counters["per_block"] = benchmark::Counter(rounds * static_cast<double>(blocks.size()),
-                                                   benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
-  state.counters["per_run_group"] = benchmark::Counter(rounds * static_cast<double>(groups),
-                                                       benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["per_block"] = secondsEach(rounds * static_cast<double>(blocks.size()));
+  state.counters["per_run_group"] = secondsEach(rounds * static_cast<double>(groups));
   useVectorMath(zorvane::localization::lut::widestVectorMath());
 }
 
-BENCHMARK(BM_HeightRuns)
-    ->ArgName("form")
-    ->Arg(static_cast<int>(VectorMath::kPlain))
-    ->Arg(static_cast<int>(VectorMath::kAvx2))
-    ->Arg(static_cast<int>(VectorMath::kAvx512))
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_HeightRuns)->Apply(everyForm)->Unit(benchmark::kMillisecond);
 
 // 134 value bins (this map's average), bell-shaped with tails that reach
 // the floor, as most of the map's histograms; copied in before each call,
 // since the loop overwrites them.
 void BM_LogShares(benchmark::State& state) {
-  const auto math = static_cast<VectorMath>(state.range(0));
-  if (!processorRuns(math) || !useVectorMath(math)) {
-    state.SkipWithError("instruction set not available");
-    return;
-  }
+  if (!selectForm(state)) return;
   constexpr std::int64_t kBins = 134;
   std::vector<float> bell(static_cast<std::size_t>(paddedBins(kBins)), 0.f);
   float sum = 0.f;
@@ -125,24 +136,18 @@ void BM_LogShares(benchmark::State& state) {
     sum += bell[static_cast<std::size_t>(k)];
   }
   std::vector<float> bins(bell.size() + 8);
-  float* const aligned = reinterpret_cast<float*>((reinterpret_cast<std::uintptr_t>(bins.data()) + 31) & ~std::uintptr_t{31});
+  float* const aligned = aligned32(bins);
   const float log_floor = std::log(0.001f);
   for (auto _ : state) {
     std::copy(bell.begin(), bell.end(), aligned);
     logShares(aligned, kBins, sum, 0.9f, 0.001f, log_floor);
     benchmark::DoNotOptimize(aligned[0]);
   }
-  state.counters["per_group"] = benchmark::Counter(static_cast<double>(state.iterations()) * ((kBins + 7) / 8),
-                                                   benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["per_group"] = secondsEach(static_cast<double>(state.iterations()) * ((kBins + 7) / 8));
   useVectorMath(zorvane::localization::lut::widestVectorMath());
 }
 
-BENCHMARK(BM_LogShares)
-    ->ArgName("form")
-    ->Arg(static_cast<int>(VectorMath::kPlain))
-    ->Arg(static_cast<int>(VectorMath::kAvx2))
-    ->Arg(static_cast<int>(VectorMath::kAvx512))
-    ->Unit(benchmark::kNanosecond);
+BENCHMARK(BM_LogShares)->Apply(everyForm)->Unit(benchmark::kNanosecond);
 
 }  // namespace
 
